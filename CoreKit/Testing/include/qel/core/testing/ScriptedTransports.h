@@ -1,0 +1,106 @@
+#pragma once
+
+#include <qel/core/QELEventManager.h>
+#include <qel/core/RequestTransport.h>
+
+#include <boost/json/object.hpp>
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qel::core::testing {
+
+// A request transport driven by the test: every attempt is recorded and
+// stays open until the test finishes or fails it. Completions are posted to
+// the run loop, as a network would deliver them.
+//
+//   auto transport = std::make_shared<ScriptedRequestTransport>();
+//   RequestTransport::setShared(transport);
+//   ... code adds a request ...
+//   ASSERT_EQ(transport->attempts().size(), 1u);
+//   transport->finish(0, R"({"images": []})");
+//   loop.runPending();
+class ScriptedRequestTransport : public RequestTransport {
+ public:
+  struct Attempt {
+    std::string url;  // empty when the request had no URL
+    QELRequest::Kind kind;
+    std::weak_ptr<const QELRequest> request;
+    bool open = true;      // neither finished, failed nor cancelled yet
+    bool cancelled = false;
+  };
+
+  std::shared_ptr<TransportOperation> start(const QELRequest& request, Completion completion) override;
+
+  // Every attempt so far, oldest first.
+  const std::vector<Attempt>& attempts() const { return attempts_; }
+  // Indices of the attempts still open.
+  std::vector<std::size_t> openAttempts() const;
+
+  void finish(std::size_t index, std::string_view body);
+  void finish(std::size_t index, Data body);
+  void fail(std::size_t index, std::string description = "scripted failure");
+  // Finishes or fails the oldest open attempt.
+  void finishNext(std::string_view body);
+  void failNext(std::string description = "scripted failure");
+
+ private:
+  struct Operation;
+  std::vector<Attempt> attempts_;
+  std::vector<std::shared_ptr<Operation>> operations_;
+};
+
+// An event channel driven by the test; each call reaches the manager's
+// targets synchronously, as a callout of the run loop would.
+class ScriptedEventTransport : public EventTransport {
+ public:
+  void start(QELEventManager& manager) override;
+  void stop() override;
+
+  bool isRunning() const { return manager_ != nullptr; }
+  int startCount() const { return startCount_; }
+
+  void connect();
+  void disconnect();
+  void deliver(std::string name, UserInfo userInfo);
+  void deliver(std::string name, boost::json::object userInfo);
+
+ private:
+  QELEventManager* manager_ = nullptr;
+  int startCount_ = 0;
+};
+
+// Installs scripted transports for one test and puts things back afterwards:
+// a fresh scripted request transport as the shared one, a scripted event
+// transport on the default manager, a manual clock, and log capture.
+class ScriptedEnvironment {
+ public:
+  ScriptedEnvironment();
+  ~ScriptedEnvironment();
+  ScriptedEnvironment(const ScriptedEnvironment&) = delete;
+  ScriptedEnvironment& operator=(const ScriptedEnvironment&) = delete;
+
+  struct LogRecord {
+    int level;
+    std::string domain;
+    std::string message;
+  };
+
+  ScriptedRequestTransport& requests() { return *requests_; }
+  ScriptedEventTransport& events() { return *events_; }
+  const std::vector<LogRecord>& logs() const { return logs_; }
+  void clearLogs() { logs_.clear(); }
+  // Messages logged so far that contain `text`.
+  std::vector<LogRecord> logsContaining(std::string_view text) const;
+
+ private:
+  std::shared_ptr<ScriptedRequestTransport> requests_;
+  ScriptedEventTransport* events_;
+  std::vector<LogRecord> logs_;
+  int savedThreshold_;
+};
+
+}  // namespace qel::core::testing

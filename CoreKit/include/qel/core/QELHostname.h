@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace qel::core {
+
+// Where the cabin server is and how to trust it. Applications set it once at
+// start-up; every field left empty falls back to an environment variable,
+// then to a built-in default:
+//   host            QEL_SKELION_HOSTNAME   (none)
+//   port            QEL_SKELION_PORT       443
+//   caFile          QEL_CA_FILE            (the system's trust store)
+//   eventPath       QEL_EVENT_PATH         "/skelion/events"
+//   logThreshold    QEL_LOG_LEVEL          3
+struct QELConfiguration {
+  std::optional<std::string> host;
+  std::optional<std::uint16_t> port;
+  std::optional<std::string> caFile;
+  std::optional<std::string> eventPath;
+  std::optional<int> logThreshold;
+
+  // Replaces the application's settings (the log threshold is applied now).
+  static void set(const QELConfiguration& configuration);
+  // The settings in force, with the fallbacks filled in (host and caFile may
+  // still be empty).
+  static QELConfiguration effective();
+};
+
+class QELHostname {
+ public:
+  // The cabin server's host name, or empty when none is configured.
+  static std::optional<std::string> skelionHostname();
+};
+
+}  // namespace qel::core

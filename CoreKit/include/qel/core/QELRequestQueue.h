@@ -1,0 +1,50 @@
+#pragma once
+
+#include "qel/core/QELRequest.h"
+#include "qel/core/RequestTransport.h"
+
+#include <qel/RunLoop.h>
+
+#include <memory>
+
+namespace qel::core {
+
+// Runs requests first in, first out, never more than a set number at a time.
+//
+// A failed attempt is sent again up to the request's numberOfRetries(), after
+// a short delay that grows with each try (0.5 s, 1 s, 2 s ...); the request
+// keeps its place while it waits. Only then does the delegate hear of the
+// failure. A finished, failed or cancelled request lets the next one start.
+// Every delegate call comes from the run loop, never from within addRequest().
+//
+// Requests already added keep running when the queue object is destroyed.
+//
+// Threading: the run loop thread that created the queue.
+//
+//   auto queue = std::make_shared<QELRequestQueue>();
+//   queue->setMaxConcurrentOperationCount(1);
+//   queue->addRequest(request);
+class QELRequestQueue : public Object {
+ public:
+  static std::shared_ptr<QELRequestQueue> create(
+      std::shared_ptr<RequestTransport> transport = RequestTransport::shared());
+  ~QELRequestQueue() override;
+
+  void setMaxConcurrentOperationCount(int count);
+  int maxConcurrentOperationCount() const;
+
+  void addRequest(const std::shared_ptr<QELRequest>& request);
+
+  // Requests waiting plus running.
+  std::size_t operationCount() const;
+
+  // Delay before retry number `attempt` (1-based).
+  static RunLoop::Duration retryDelay(int attempt);
+
+ private:
+  struct State;
+  explicit QELRequestQueue(std::shared_ptr<RequestTransport> transport);
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace qel::core

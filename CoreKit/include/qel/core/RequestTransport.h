@@ -1,0 +1,45 @@
+#pragma once
+
+#include "qel/core/QELRequest.h"
+
+#include <qel/Data.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+namespace qel::core {
+
+// The outcome of one attempt: bytes, or an error.
+struct TransportResult {
+  std::optional<Error> error;
+  Data data;
+};
+
+// One attempt in flight; cancel() makes sure its completion never runs.
+class TransportOperation {
+ public:
+  virtual ~TransportOperation() = default;
+  virtual void cancel() = 0;
+};
+
+// Carries out single attempts of requests. The queue owns retries, ordering
+// and delegates; a transport only fetches.
+//
+// Threading: start() is called on the run loop thread and the completion must
+// run on that same loop, never from within start() itself.
+class RequestTransport {
+ public:
+  using Completion = std::function<void(TransportResult)>;
+
+  virtual ~RequestTransport() = default;
+  virtual std::shared_ptr<TransportOperation> start(const QELRequest& request,
+                                                    Completion completion) = 0;
+
+  // The transport queues use unless given another. Until one is installed it
+  // is a transport that fails every attempt, saying that no network is set up.
+  static std::shared_ptr<RequestTransport> shared();
+  static void setShared(std::shared_ptr<RequestTransport> transport);
+};
+
+}  // namespace qel::core

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <qel/Object.h>
+
+namespace qel::core {
+
+// The base class of every cabin service a framework offers to applications.
+class SkelionService : public Object {
+ public:
+  ~SkelionService() override;
+
+ protected:
+  SkelionService() = default;
+  // The base initialiser; a subclass's factory calls it first and gives up
+  // when it fails.
+  bool init() { return true; }
+};
+
+}  // namespace qel::core

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+namespace qel {
+
+// An immutable decoded bitmap, 8-bit RGBA, rows top to bottom.
+//
+// fromData() decodes PNG (libspng) and JPEG (TurboJPEG) and returns empty for
+// anything else, for truncated or corrupt data, and for pictures whose header
+// declares more than kMaxPixels (refused before any pixel is decoded).
+//
+// Two images are equal when they show the same picture: same size, same
+// pixels, whatever the encoding they came from.
+//
+// Threading: immutable, safe to share.
+//
+//   auto image = qel::Image::fromData(bytes);
+//   if (image && *image != *previous) show(image);
+class Image {
+ public:
+  static constexpr std::uint64_t kMaxPixels = 64ull * 1024 * 1024;
+
+  static std::shared_ptr<const Image> fromData(std::span<const std::uint8_t> data);
+  static std::shared_ptr<const Image> fromRGBA(std::size_t width, std::size_t height,
+                                               std::vector<std::uint8_t> rgba);
+
+  Image(const Image&) = delete;
+  Image& operator=(const Image&) = delete;
+
+  std::size_t width() const { return width_; }
+  std::size_t height() const { return height_; }
+  std::span<const std::uint8_t> pixels() const { return pixels_; }
+
+  friend bool operator==(const Image& a, const Image& b);
+
+ private:
+  Image(std::size_t width, std::size_t height, std::vector<std::uint8_t> rgba);
+
+  std::size_t width_;
+  std::size_t height_;
+  std::vector<std::uint8_t> pixels_;
+  std::uint64_t hash_;  // lets most unequal pictures differ without a full compare
+};
+
+}  // namespace qel

@@ -1,0 +1,5 @@
+# Strict warnings for the project's own targets only; third-party headers come
+# in as system includes and stay quiet.
+function(qel_set_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Werror)
+endfunction()

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds every preset in QEL_TEST_PRESETS (default:
+# debug and asan) from scratch or incrementally, and runs all tests.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/bootstrap.sh
+
+presets=${QEL_TEST_PRESETS:-"debug asan"}
+jobs=${QEL_JOBS:-$(nproc)}
+for preset in $presets; do
+  echo "== $preset"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j "$jobs"
+  ctest --preset "$preset" -j "$jobs"
+done
