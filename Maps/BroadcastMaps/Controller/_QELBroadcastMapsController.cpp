@@ -1,0 +1,260 @@
+#include "BroadcastMaps/Controller/_QELBroadcastMapsController.h"
+
+#include "BroadcastMaps/Requests/_QELBroadcastMapsRequest.h"
+
+#include <qel/Format.h>
+#include <qel/core/QELLogging.h>
+
+#include <boost/json/parse.hpp>
+
+#include <string_view>
+
+namespace qel::internal {
+
+using core::QELLogging;
+
+namespace {
+
+constexpr std::string_view kDomain = lastPathComponent(__FILE__);
+
+// The class-wide state. Plain statics, no guard: everything runs on one
+// thread.
+struct {
+  std::shared_ptr<QELBroadcastMapsController> sharedBroadcastMapsController;
+  std::shared_ptr<core::QELRequestQueue> sharedQueue;
+  std::int32_t ownersCount = 0;
+} classState;
+
+// The server's image object as stored in the record: null "width", "height"
+// and "src" are dropped, every other field is kept as it came.
+boost::json::object normalisedEntry(const boost::json::object& image) {
+  boost::json::object entry = image;
+  for (const char* field : {"width", "height", "src"}) {
+    if (const auto* value = entry.if_contains(field); value && value->is_null()) {
+      entry.stable_erase(field);
+    }
+  }
+  return entry;
+}
+
+// "%@x%@" of the entry's width and height, as the platform describes them
+// ("800x600", "1024.5x768", "(null)x600").
+std::string recordKey(const boost::json::object& entry) {
+  return stringWithFormat("%@x%@", entry.if_contains("width"), entry.if_contains("height"));
+}
+
+// Why an images array cannot become record entries, or empty when it can.
+// Input like this is refused whole, so that nothing of it is merged partly.
+std::string_view invalidImagesReason(const boost::json::array& images) {
+  for (const auto& image : images) {
+    if (!image.is_object()) return "an element of \"images\" is not an object";
+  }
+  return {};
+}
+
+}  // namespace
+
+// MARK: - Shared instance and owners
+
+std::shared_ptr<QELBroadcastMapsController> QELBroadcastMapsController::defaultController() {
+  if (!classState.sharedBroadcastMapsController) {
+    auto controller = std::shared_ptr<QELBroadcastMapsController>(new QELBroadcastMapsController);
+    // The static holds the instance only once init has run, as an
+    // assignment of the initialiser's result would.
+    if (controller->init()) classState.sharedBroadcastMapsController = std::move(controller);
+  }
+  return classState.sharedBroadcastMapsController;
+}
+
+std::shared_ptr<core::QELRequestQueue> QELBroadcastMapsController::requestQueue() {
+  if (!classState.sharedQueue) {
+    classState.sharedQueue = core::QELRequestQueue::create();
+    classState.sharedQueue->setMaxConcurrentOperationCount(1);
+  }
+  return classState.sharedQueue;
+}
+
+void QELBroadcastMapsController::own() { ++classState.ownersCount; }
+
+void QELBroadcastMapsController::free() {
+  if (classState.ownersCount == 0) return;
+  if (--classState.ownersCount == 0) {
+    // reset() empties the static before the old value goes, so a teardown
+    // that runs here already finds the class without a shared instance.
+    classState.sharedBroadcastMapsController.reset();
+    classState.sharedQueue.reset();
+  }
+}
+
+std::int32_t QELBroadcastMapsController::ownersCount() { return classState.ownersCount; }
+
+// MARK: - Life cycle
+
+QELBroadcastMapsController::QELBroadcastMapsController() : mapInfo_(*this, "mapInfo") {}
+
+bool QELBroadcastMapsController::init() {
+  reloadData();
+  subscribeToEventServer();
+  return true;
+}
+
+QELBroadcastMapsController::~QELBroadcastMapsController() {
+  QELLogging::log("%s called.", 5, kDomain, "-[_QELBroadcastMapsController dealloc]");
+  unsubscribeFromEventServer();
+}
+
+void QELBroadcastMapsController::setMapInfo(MapInfo mapInfo) {
+  threadChecker_.check();
+  mapInfo_.set(std::move(mapInfo));
+}
+
+// MARK: - Event server
+
+void QELBroadcastMapsController::subscribeToEventServer() {
+  auto self = sharedFrom(this);
+  core::QELEventManager::defaultManager().addTarget(
+      self, &QELBroadcastMapsController::receivedMapsdataEvent, kMapUpdateEventName);
+  core::QELEventManager::defaultManager().addTarget(
+      self, &QELBroadcastMapsController::receivedDidConnectToEventServer,
+      core::QELServiceEventClientConnected);
+  core::QELEventManager::defaultManager().addTarget(
+      self, &QELBroadcastMapsController::receivedDidDisconnectFromEventServer,
+      core::QELServiceEventClientDisconnected);
+}
+
+void QELBroadcastMapsController::unsubscribeFromEventServer() {
+  core::QELEventManager::defaultManager().removeTarget(this);
+}
+
+void QELBroadcastMapsController::receivedDidConnectToEventServer() {
+  QELLogging::log("%s called.", 4, kDomain,
+                  "-[_QELBroadcastMapsController receivedDidConnectToEventServer]");
+  // The record stays until the reload answers; it replaces it whole.
+  reloadData();
+}
+
+void QELBroadcastMapsController::receivedDidDisconnectFromEventServer() {
+  QELLogging::log("%s called.", 4, kDomain,
+                  "-[_QELBroadcastMapsController receivedDidDisconnectFromEventServer]");
+  // Without the event channel updates would be missed: say at once that the
+  // data can no longer be trusted.
+  setMapInfo(nullptr);
+}
+
+void QELBroadcastMapsController::receivedMapsdataEvent(const std::shared_ptr<core::QELEvent>& event) {
+  QELLogging::log("%s called.", 4, kDomain,
+                  "-[_QELBroadcastMapsController receivedMapsdataEvent:]");
+  processEvent(event->name(), event->userInfo());
+}
+
+void QELBroadcastMapsController::processEvent(const std::string& eventName, const UserInfo& data) {
+  threadChecker_.check();
+  QELLogging::log("%s called. Event name: %@. Data: %@", 4, kDomain,
+                  "-[_QELBroadcastMapsController processEvent:withData:]", eventName, data);
+
+  // Only "images" decides whether an event is valid; the name is not checked.
+  const boost::json::value* images = data ? data->if_contains("images") : nullptr;
+  if (!images) {
+    QELLogging::log("[%@ %d] Invalid event received from server.", 1, kDomain, kDomain, 93);
+    return;
+  }
+  if (!images->is_string()) {
+    QELLogging::log("[%@ %d] Invalid event received from server: %s.", 1, kDomain, kDomain,
+                    __LINE__, "\"images\" is not text");
+    return;
+  }
+
+  boost::system::error_code parseError;
+  const boost::json::value parsed = boost::json::parse(images->get_string(), parseError);
+  // Text that is not JSON, or JSON that is a bare number, string or literal,
+  // is dropped without a word: such updates are noise, not a broken server.
+  if (parseError || !(parsed.is_array() || parsed.is_object())) return;
+
+  const auto* array = parsed.if_array();
+  const std::string_view reason =
+      array ? invalidImagesReason(*array) : std::string_view("\"images\" is not a JSON array");
+  if (!reason.empty()) {
+    QELLogging::log("[%@ %d] Invalid event received from server: %s.", 1, kDomain, kDomain,
+                    __LINE__, reason);
+    return;
+  }
+
+  // An update merges into the current record: entries it does not mention
+  // stay. With no record there is nothing to merge into, and the update's own
+  // entries are lost on purpose: the result is an empty record, which a
+  // reload replaces.
+  const MapInfo current = mapInfo();
+  boost::json::object merged = current ? *current : boost::json::object();
+  if (current) {
+    for (const auto& image : *array) {
+      auto entry = normalisedEntry(image.get_object());
+      auto key = recordKey(entry);
+      merged[key] = std::move(entry);
+    }
+  }
+  setMapInfo(std::make_shared<const boost::json::object>(std::move(merged)));
+}
+
+// MARK: - REST
+
+void QELBroadcastMapsController::reloadData() {
+  QELLogging::log("%s called.", 4, kDomain, "-[_QELBroadcastMapsController reloadData]");
+  // Pending reloads are not cancelled: each answer is processed in turn and
+  // the last one decides the record.
+  auto request = core::QELRESTRequest::requestWithDelegate<QELBroadcastMapsRequest>(sharedFrom(this));
+  requestQueue()->addRequest(request);
+}
+
+void QELBroadcastMapsController::requestDidFinish(const std::shared_ptr<core::QELRequest>&,
+                                                  const Data& data) {
+  threadChecker_.check();
+  QELLogging::log("%s called.", 4, kDomain,
+                  "-[_QELBroadcastMapsController requestDidFinish:withData:]");
+  boost::system::error_code parseError;
+  const auto parsed = boost::json::parse(
+      std::string_view(reinterpret_cast<const char*>(data.data()), data.size()), parseError);
+  // A body that does not parse keeps the record as it is: unlike a failed
+  // request, it says nothing about whether the data is still current.
+  if (parseError || !(parsed.is_array() || parsed.is_object())) return;
+  const auto* response = parsed.if_object();
+  if (!response) {
+    QELLogging::log("[%@ %d] Invalid map data received from server: %s.", 1, kDomain, kDomain,
+                    __LINE__, "the body is not a JSON object");
+    return;
+  }
+  processRestResponse(*response);
+}
+
+void QELBroadcastMapsController::requestDidFail(const std::shared_ptr<core::QELRequest>&,
+                                                const Error&) {
+  threadChecker_.check();
+  QELLogging::log("%s called.", 4, kDomain,
+                  "-[_QELBroadcastMapsController requestDidFail:withError:]");
+  setMapInfo(nullptr);
+}
+
+void QELBroadcastMapsController::processRestResponse(const boost::json::object& response) {
+  QELLogging::log("%s called.", 4, kDomain,
+                  "-[_QELBroadcastMapsController processRestResponse:]");
+  static const boost::json::array kNoImages;
+  const auto* images = response.if_contains("images");
+  const auto* array = images ? images->if_array() : &kNoImages;
+  const std::string_view reason =
+      array ? invalidImagesReason(*array) : std::string_view("\"images\" is not an array");
+  if (!reason.empty()) {
+    QELLogging::log("[%@ %d] Invalid map data received from server: %s.", 1, kDomain, kDomain,
+                    __LINE__, reason);
+    return;
+  }
+
+  // A full answer replaces the record whole.
+  boost::json::object record;
+  for (const auto& image : *array) {
+    auto entry = normalisedEntry(image.get_object());
+    auto key = recordKey(entry);
+    record[key] = std::move(entry);
+  }
+  setMapInfo(std::make_shared<const boost::json::object>(std::move(record)));
+}
+
+}  // namespace qel::internal

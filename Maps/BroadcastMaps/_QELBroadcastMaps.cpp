@@ -1,0 +1,301 @@
+#include "BroadcastMaps/_QELBroadcastMaps.h"
+
+#include <QELMaps/QELBroadcastMapsNotifications.h>
+
+#include <qel/Format.h>
+#include <qel/core/QELEventManager.h>
+#include <qel/core/QELLogging.h>
+#include <qel/core/QELNotifications.h>
+
+#include <string_view>
+
+namespace qel::internal {
+
+using core::QELLogging;
+
+namespace {
+
+constexpr std::string_view kDomain = lastPathComponent(__FILE__);
+constexpr std::string_view kMapInfoKeyPath = "mapInfo";
+
+// Lazily made, never released: one image download at a time for every engine
+// of the process, so that several services never compete for the cabin link.
+std::shared_ptr<core::QELRequestQueue> sharedImageQueue;
+
+// A size as the engine compares it: through single precision, the way the
+// record's values are read, so a listed resolution always matches its entry.
+CGFloat entrySize(const boost::json::object& entry, std::string_view field) {
+  return static_cast<CGFloat>(floatValue(entry.if_contains(field)));
+}
+
+const boost::json::object& entryAt(const boost::json::value& value) {
+  static const boost::json::object kEmpty;
+  const auto* entry = value.if_object();
+  return entry ? *entry : kEmpty;
+}
+
+// The entry's image source; a "src" that is not text counts as none.
+std::optional<std::string> sourceOf(const boost::json::object& entry) {
+  const auto* src = entry.if_contains("src");
+  if (!src || !src->is_string()) return std::nullopt;
+  return std::string(src->get_string());
+}
+
+}  // namespace
+
+// MARK: - Creation and teardown
+
+std::shared_ptr<QELBroadcastMaps> QELBroadcastMaps::create() {
+  auto engine = std::shared_ptr<QELBroadcastMaps>(new QELBroadcastMaps);
+  return engine->init() ? engine : nullptr;
+}
+
+std::shared_ptr<core::QELRequestQueue> QELBroadcastMaps::requestQueue() {
+  if (!sharedImageQueue) {
+    sharedImageQueue = core::QELRequestQueue::create();
+    sharedImageQueue->setMaxConcurrentOperationCount(1);
+  }
+  return sharedImageQueue;
+}
+
+bool QELBroadcastMaps::init() {
+  mapImage_ = nullptr;
+  currentResolution_ = nullptr;
+  broadcastMapsController_ = QELBroadcastMapsController::defaultController();
+  QELBroadcastMapsController::own();
+  setInitialsValue();
+  addObservers();
+  // From any sender: whoever announces that it stopped receiving makes this
+  // engine stand down too.
+  auto self = sharedFrom(this);
+  core::qelInternalCenter().addObserver(
+      self, [raw = this](const Notification& notification) { raw->autoStop(notification); },
+      QELBroadcastMapsImageDidStopReceivingImageNotification);
+  return true;
+}
+
+QELBroadcastMaps::~QELBroadcastMaps() {
+  QELLogging::log("%s called.", 5, kDomain, "-[_QELBroadcastMaps dealloc]");
+  removeObservers();
+  QELBroadcastMapsController::free();
+  if (imageRequest_) imageRequest_->cancel();
+  // The stop-notification registration goes with the engine: the centre holds
+  // its observers weakly. A pending retry timer cannot be left: it keeps its
+  // target alive until it fires or is invalidated.
+}
+
+void QELBroadcastMaps::post(const char* name) {
+  core::qelInternalCenter().postNotificationName(name, shared_from_this());
+}
+
+// MARK: - Resolutions and the image source
+
+void QELBroadcastMaps::setInitialsValue() {
+  mapInfo_ = broadcastMapsController_->mapInfo();
+  // Not started yet: this only clears what there is to clear.
+  downloadImage();
+}
+
+std::optional<QELBroadcastMaps::ResolutionList> QELBroadcastMaps::availableResolutions() const {
+  // One record per entry, in the record's order, neither sorted nor
+  // filtered: the application sees exactly what the server lists.
+  ResolutionList resolutions;
+  if (mapInfo_) {
+    resolutions.reserve(mapInfo_->size());
+    for (const auto& item : *mapInfo_) {
+      const auto& entry = entryAt(item.value());
+      auto resolution = QELBroadcastMapsResolution::create();
+      resolution->setWidth(entrySize(entry, "width"));
+      resolution->setHeight(entrySize(entry, "height"));
+      resolutions.push_back(std::move(resolution));
+    }
+  }
+  if (resolutions.empty()) return std::nullopt;
+  return resolutions;
+}
+
+void QELBroadcastMaps::setCurrentResolutionWithCGSize(CGSize size) {
+  setCurrentResolution(QELBroadcastMapsResolution::create());
+  currentResolution()->setWidth(size.width);
+  currentResolution()->setHeight(size.height);
+}
+
+std::optional<std::string> QELBroadcastMaps::imageURLForResolution() const {
+  if (!mapInfo_ || mapInfo_->empty()) return std::nullopt;
+  const auto& firstEntry = entryAt(mapInfo_->begin()->value());
+
+  std::optional<std::string> candidate;
+  if (!currentResolution_) {
+    QELLogging::log("%s image resolution not set. Setting first resolution", 4, kDomain,
+                    "-[_QELBroadcastMaps imageURLForResolution]");
+    candidate = sourceOf(firstEntry);
+  } else {
+    // Exact comparison, no tolerance: the first entry of this size wins.
+    for (const auto& item : *mapInfo_) {
+      const auto& entry = entryAt(item.value());
+      if (entrySize(entry, "width") != currentResolution_->width()) continue;
+      if (entrySize(entry, "height") == currentResolution_->height()) {
+        candidate = sourceOf(entry);
+        break;
+      }
+    }
+  }
+  if (candidate) return candidate;
+
+  // The choice is left as it is: when the server lists the size again, the
+  // engine finds it again. Until then each call falls back, and says so.
+  QELLogging::log("%s image resolution not found. Setting first resolution", 4, kDomain,
+                  "-[_QELBroadcastMaps imageURLForResolution]");
+  return sourceOf(firstEntry);
+}
+
+// MARK: - Reception
+
+void QELBroadcastMaps::start() {
+  threadChecker_.check();
+  QELLogging::log("[%@ %d] Posting notification: _QELBroadcastMapsImageDidStartReceivingImageNotification.",
+                  3, kDomain, kDomain, __LINE__);
+  post(QELBroadcastMapsImageDidStartReceivingImageNotification);
+  shouldDownloadImages_ = true;
+  downloadImage();
+}
+
+void QELBroadcastMaps::stop() {
+  threadChecker_.check();
+  if (retryTimer_) retryTimer_->invalidate();
+  retryTimer_ = nullptr;
+  shouldDownloadImages_ = false;
+  if (imageRequest_) imageRequest_->cancel();
+  imageRequest_ = nullptr;
+}
+
+void QELBroadcastMaps::autoStop(const Notification& notification) {
+  if (notification.sender().get() == this) return;
+  stop();
+  QELLogging::log("[%@ %d] Posting notification: QELBroadcastMapsImageDidStopReceivingImageNotification.",
+                  3, kDomain, kDomain, __LINE__);
+  post(QELBroadcastMapsImageDidStopReceivingImageNotification);
+}
+
+void QELBroadcastMaps::downloadImage() {
+  threadChecker_.check();
+  QELLogging::log("%s called.", 4, kDomain, "-[_QELBroadcastMaps downloadImage]");
+  // Whatever was under way is superseded, also when nothing new starts.
+  if (imageRequest_) {
+    imageRequest_->cancel();
+    imageRequest_ = nullptr;
+  }
+  if (retryTimer_) {
+    retryTimer_->invalidate();
+    retryTimer_ = nullptr;
+  }
+  if (!shouldDownloadImages_) {
+    QELLogging::log("%s Do not download images is set.", 4, kDomain,
+                    "-[_QELBroadcastMaps downloadImage]");
+    return;
+  }
+  if (!mapInfo_ || mapInfo_->empty()) {
+    QELLogging::log("%s No map data.", 4, kDomain, "-[_QELBroadcastMaps downloadImage]");
+    setMapImage(nullptr);
+    return;
+  }
+  auto url = imageURLForResolution();
+  if (!url) {
+    QELLogging::log("%s no image url. Should not happen.", 4, kDomain,
+                    "-[_QELBroadcastMaps downloadImage]");
+    return;
+  }
+  lastKnownImageURL_ = url;
+  imageRequest_ = core::QELImageDownloadRequest::initWithImageURL(*url, sharedFrom(this));
+  requestQueue()->addRequest(imageRequest_);
+}
+
+void QELBroadcastMaps::setMapImage(std::shared_ptr<const Image> mapImage) {
+  auto old = std::exchange(mapImage_, std::move(mapImage));
+  // Announced only when the picture itself differs: a download of the same
+  // map is not news for the application.
+  if (mapImage_ && old && (mapImage_ == old || *mapImage_ == *old)) return;
+  if (!mapImage_ && !old) return;
+  QELLogging::log("[%@ %d] Posting notification: QELBroadcastMapsImageDidChangeNotification.", 3,
+                  kDomain, kDomain, __LINE__);
+  post(QELBroadcastMapsImageDidChangeNotification);
+}
+
+void QELBroadcastMaps::requestDidFinish(const std::shared_ptr<core::QELRequest>&, const Data& data) {
+  threadChecker_.check();
+  QELLogging::log("%s called.", 4, kDomain, "-[_QELBroadcastMaps requestDidFinish:withData:]");
+  // Bytes that do not decode clear the picture: showing a stale map as if it
+  // were current would be worse.
+  setMapImage(Image::fromData(data));
+}
+
+void QELBroadcastMaps::requestDidFail(const std::shared_ptr<core::QELRequest>&, const Error&) {
+  threadChecker_.check();
+  QELLogging::log("%s called.", 4, kDomain, "-[_QELBroadcastMaps requestDidFail:withError:]");
+  if (retryTimer_) retryTimer_->invalidate();
+  // Without the event channel the cabin server is out of reach; the next
+  // start or the next record brings a fresh attempt instead.
+  if (!core::QELEventManager::defaultManager().isConnected()) return;
+  QELLogging::log("%s Retrying...", 4, kDomain, "-[_QELBroadcastMaps requestDidFail:withError:]");
+  retryTimer_ = Timer::scheduledTimer(kRetryInterval, sharedFrom(this), &QELBroadcastMaps::downloadImage,
+                                      false);
+}
+
+// MARK: - Following the controller's record
+
+void QELBroadcastMaps::addObservers() {
+  QELLogging::log("%s called.", 5, kDomain, "-[_QELBroadcastMaps addObservers]");
+  broadcastMapsController_->addObserver(sharedFrom(this), kMapInfoKeyPath,
+                                        KeyValueObservingOptions::New, nullptr);
+}
+
+void QELBroadcastMaps::removeObservers() {
+  QELLogging::log("%s called.", 5, kDomain, "-[_QELBroadcastMaps removeObservers]");
+  broadcastMapsController_->removeObserver(this, kMapInfoKeyPath);
+}
+
+void QELBroadcastMaps::observeValueForKeyPath(const std::string& keyPath, const Object*,
+                                              const KeyValueChange&, void*) {
+  if (keyPath != kMapInfoKeyPath) return;
+  threadChecker_.check();
+  mapInfo_ = broadcastMapsController_->mapInfo();
+
+  // Resolutions: the key list in the record's own order. A different order
+  // counts as a change, and two missing lists do not.
+  std::optional<KeyList> keys;
+  if (mapInfo_) {
+    keys.emplace();
+    keys->reserve(mapInfo_->size());
+    for (const auto& item : *mapInfo_) keys->emplace_back(item.key());
+  }
+  const bool sameKeys = keys && lastKnownResolutions_ && *keys == *lastKnownResolutions_;
+  if (!sameKeys && (keys || lastKnownResolutions_)) {
+    lastKnownResolutions_ = std::move(keys);
+    QELLogging::log(
+        "[%@ %d] Posting notification: QELBroadcastMapsAvailableResolutionsDidChangeNotification.",
+        3, kDomain, kDomain, __LINE__);
+    post(QELBroadcastMapsAvailableResolutionsDidChangeNotification);
+  }
+
+  // The image: download when the source for the chosen resolution moved.
+  // lastKnownImageURL is never cleared, so a source that comes back after the
+  // data was lost counts as unchanged.
+  const auto url = imageURLForResolution();
+  const bool sameURL = lastKnownImageURL_ && url && *lastKnownImageURL_ == *url;
+  if (!sameURL) {
+    if (lastKnownImageURL_) {
+      downloadImage();
+    } else if (imageURLForResolution()) {
+      downloadImage();
+    }
+  }
+
+  // Last, after any resolutions and image news of the same change.
+  if (!broadcastMapsController_->mapInfo()) {
+    QELLogging::log("[%@ %d] Posting notification: QELBroadcastMapsErrorNotification.", 3, kDomain,
+                    kDomain, __LINE__);
+    post(QELBroadcastMapsErrorNotification);
+  }
+}
+
+}  // namespace qel::internal
