@@ -69,6 +69,10 @@ class FormatArgument {
   std::string text() const;
   // "%d"/"%i": the integer, or the description when it is not one.
   std::string integer() const;
+  // The argument as a number, when it is one (JSON numbers included); used
+  // by the numeric conversions.
+  std::optional<std::int64_t> integerValue() const;
+  std::optional<double> doubleValue() const;
 
  private:
   struct Nil {};

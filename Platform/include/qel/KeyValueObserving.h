@@ -63,7 +63,9 @@ class KeyValueObservable {
 
  protected:
   KeyValueObservable() = default;
-  ~KeyValueObservable();
+  // Virtual so that a notification can name the observed Object (a cross-cast
+  // from this base needs a polymorphic type).
+  virtual ~KeyValueObservable();
 
  private:
   struct Registration;

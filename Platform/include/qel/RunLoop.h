@@ -62,6 +62,7 @@ class RunLoop {
   void stop();
 
   // Runs `callout` later on this loop, after the current callout has ended.
+  // The one member that other threads may call.
   void post(std::function<void()> callout);
 
   // Runs `callout` once `delay` has passed on the loop's clock. The returned
@@ -88,17 +89,28 @@ class RunLoop {
 
  private:
   friend class ScheduledCall;
-  struct ManualEntry;
   RunLoop();
+  // Runs one ready-or-next callout (waiting at most until `deadline`) and
+  // counts it; false when none ran.
+  bool runOne(const TimePoint* deadline);
+  // Manual clock: fires every pending call due at or before `until`, in
+  // deadline order, moving the clock to each deadline.
   void runManualDue(TimePoint until);
+  std::shared_ptr<ScheduledCall> nextManualDue(TimePoint until);
+  void consumeStop(int depth);
 
   boost::asio::io_context context_;
   bool manualClock_ = false;
   TimePoint manualNow_{};
   std::uint64_t nextSequence_ = 0;
   std::uint64_t calloutCount_ = 0;
+  int runDepth_ = 0;
+  // The depth of the run that stop() ended, 0 when none is pending.
   int stopRequested_ = 0;
   std::vector<std::shared_ptr<ScheduledCall>> manualCalls_;
+  // Real-clock calls whose asio timers must go before the io_context does.
+  std::vector<std::weak_ptr<ScheduledCall>> realCalls_;
+  std::size_t pruneRealCallsAt_ = 64;
   const void* threadTag_ = nullptr;
 };
 

@@ -1,0 +1,142 @@
+#include "qel/Image.h"
+
+#include <spng.h>
+#include <turbojpeg.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+namespace qel {
+namespace {
+
+// Generous for any real PNG chunk; stops a forged length from allocating.
+constexpr std::size_t kMaxChunkBytes = 16u * 1024 * 1024;
+constexpr std::size_t kMaxChunkCacheBytes = 64u * 1024 * 1024;
+
+bool withinBudget(std::uint64_t width, std::uint64_t height) {
+  return width > 0 && height > 0 && width <= Image::kMaxPixels &&
+         height <= Image::kMaxPixels / width;
+}
+
+// 64-bit multiply-mix over 8-byte words: cheap next to decoding, and enough
+// to tell most different pictures apart without comparing every pixel.
+std::uint64_t hashPixels(std::size_t width, std::size_t height,
+                         const std::vector<std::uint8_t>& pixels) {
+  constexpr std::uint64_t kMultiplier = 0x9E3779B97F4A7C15ull;
+  std::uint64_t hash = (static_cast<std::uint64_t>(width) << 32) ^ height ^ pixels.size();
+  auto mix = [&](std::uint64_t word) {
+    hash ^= word + kMultiplier + (hash << 6) + (hash >> 2);
+    hash *= kMultiplier;
+    hash ^= hash >> 29;
+  };
+  std::size_t i = 0;
+  for (; i + 8 <= pixels.size(); i += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, pixels.data() + i, 8);
+    mix(word);
+  }
+  std::uint64_t tail = 0;
+  std::memcpy(&tail, pixels.data() + i, pixels.size() - i);
+  mix(tail);
+  return hash;
+}
+
+struct SpngContext {
+  spng_ctx* ctx = spng_ctx_new(0);
+  ~SpngContext() {
+    if (ctx) spng_ctx_free(ctx);
+  }
+};
+
+struct TurboJpegHandle {
+  tjhandle handle = tjInitDecompress();
+  ~TurboJpegHandle() {
+    if (handle) tjDestroy(handle);
+  }
+};
+
+bool isPNG(std::span<const std::uint8_t> data) {
+  static constexpr std::uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+  return data.size() >= 8 && std::equal(kSignature, kSignature + 8, data.begin());
+}
+
+bool isJPEG(std::span<const std::uint8_t> data) {
+  return data.size() >= 3 && data[0] == 0xFF && data[1] == 0xD8 && data[2] == 0xFF;
+}
+
+}  // namespace
+
+
+Image::Image(std::size_t width, std::size_t height, std::vector<std::uint8_t> rgba)
+    : width_(width), height_(height), pixels_(std::move(rgba)),
+      hash_(hashPixels(width_, height_, pixels_)) {}
+
+std::shared_ptr<const Image> Image::fromRGBA(std::size_t width, std::size_t height,
+                                             std::vector<std::uint8_t> rgba) {
+  if (!withinBudget(width, height) || rgba.size() != width * height * 4) return nullptr;
+  return std::shared_ptr<const Image>(new Image(width, height, std::move(rgba)));
+}
+
+std::shared_ptr<const Image> Image::fromData(std::span<const std::uint8_t> data) {
+  if (isPNG(data)) {
+    SpngContext png;
+    if (!png.ctx) return nullptr;
+    spng_set_crc_action(png.ctx, SPNG_CRC_ERROR, SPNG_CRC_ERROR);
+    const std::uint32_t side = static_cast<std::uint32_t>(
+        std::min<std::uint64_t>(kMaxPixels, std::numeric_limits<std::int32_t>::max()));
+    spng_set_image_limits(png.ctx, side, side);
+    spng_set_chunk_limits(png.ctx, kMaxChunkBytes, kMaxChunkCacheBytes);
+    if (spng_set_png_buffer(png.ctx, data.data(), data.size()) != 0) return nullptr;
+    // The header alone decides whether the picture is affordable.
+    spng_ihdr header{};
+    if (spng_get_ihdr(png.ctx, &header) != 0) return nullptr;
+    if (!withinBudget(header.width, header.height)) return nullptr;
+    std::size_t size = 0;
+    if (spng_decoded_image_size(png.ctx, SPNG_FMT_RGBA8, &size) != 0) return nullptr;
+    if (size != static_cast<std::size_t>(header.width) * header.height * 4) return nullptr;
+    std::vector<std::uint8_t> pixels(size);
+    if (spng_decode_image(png.ctx, pixels.data(), pixels.size(), SPNG_FMT_RGBA8,
+                          SPNG_DECODE_TRNS) != 0) {
+      return nullptr;
+    }
+    return std::shared_ptr<const Image>(
+        new Image(header.width, header.height, std::move(pixels)));
+  }
+
+  if (isJPEG(data)) {
+    TurboJpegHandle jpeg;
+    if (!jpeg.handle) return nullptr;
+    int width = 0;
+    int height = 0;
+    int subsampling = 0;
+    int colorspace = 0;
+    if (tjDecompressHeader3(jpeg.handle, data.data(), static_cast<unsigned long>(data.size()),
+                            &width, &height, &subsampling, &colorspace) != 0) {
+      return nullptr;
+    }
+    if (width <= 0 || height <= 0 ||
+        !withinBudget(static_cast<std::uint64_t>(width), static_cast<std::uint64_t>(height))) {
+      return nullptr;
+    }
+    std::vector<std::uint8_t> pixels(static_cast<std::size_t>(width) * height * 4);
+    // A warning (a truncated file, for one) is a failure too: half a picture
+    // padded with grey is not the picture.
+    if (tjDecompress2(jpeg.handle, data.data(), static_cast<unsigned long>(data.size()),
+                      pixels.data(), width, 0, height, TJPF_RGBA,
+                      TJFLAG_STOPONWARNING | TJFLAG_LIMITSCANS) != 0) {
+      return nullptr;
+    }
+    return std::shared_ptr<const Image>(new Image(width, height, std::move(pixels)));
+  }
+
+  return nullptr;
+}
+
+bool operator==(const Image& a, const Image& b) {
+  if (&a == &b) return true;
+  if (a.width_ != b.width_ || a.height_ != b.height_ || a.hash_ != b.hash_) return false;
+  return a.pixels_ == b.pixels_;
+}
+
+}  // namespace qel

@@ -1,0 +1,237 @@
+#include "qel/RunLoop.h"
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/post.hpp>
+
+#include <algorithm>
+#include <cassert>
+
+namespace qel {
+namespace {
+
+// Its address identifies the thread a loop belongs to.
+thread_local const char kThreadTag = 0;
+
+}  // namespace
+
+RunLoop::RunLoop() : threadTag_(&kThreadTag) {}
+
+RunLoop::~RunLoop() {
+  // A handle kept past the loop must not reach into the io_context when it
+  // goes: take the asio timers out of every live call while the context
+  // still exists. Their aborted waits stay queued and go with the context.
+  std::vector<std::shared_ptr<ScheduledCall>> alive;
+  for (const auto& weak : realCalls_) {
+    if (auto call = weak.lock()) alive.push_back(std::move(call));
+  }
+  std::vector<std::unique_ptr<boost::asio::steady_timer>> timers;
+  for (const auto& call : alive) {
+    call->pending_ = false;
+    call->callout_ = nullptr;
+    if (call->timer_) timers.push_back(std::move(call->timer_));
+  }
+  timers.clear();
+  alive.clear();
+  for (const auto& call : manualCalls_) {
+    call->pending_ = false;
+    call->callout_ = nullptr;
+  }
+  manualCalls_.clear();
+}
+
+RunLoop& RunLoop::current() {
+  thread_local std::unique_ptr<RunLoop> loop;
+  if (!loop) loop.reset(new RunLoop);
+  return *loop;
+}
+
+void RunLoop::assertOnLoopThread() const {
+  assert(threadTag_ == &kThreadTag && "RunLoop used from another thread than its own");
+}
+
+bool RunLoop::runOne(const TimePoint* deadline) {
+  if (context_.stopped()) context_.restart();
+  std::size_t ran = 0;
+  if (!deadline) {
+    ran = context_.run_one();
+  } else if (Clock::now() < *deadline) {
+    ran = context_.run_one_until(*deadline);
+  } else {
+    ran = context_.poll_one();
+  }
+  calloutCount_ += ran;
+  return ran != 0;
+}
+
+void RunLoop::consumeStop(int depth) {
+  if (stopRequested_ >= depth) stopRequested_ = 0;
+}
+
+void RunLoop::run() {
+  assertOnLoopThread();
+  // io_context returns as soon as it runs out of work; a loop waits instead.
+  auto guard = boost::asio::make_work_guard(context_);
+  const int depth = ++runDepth_;
+  while (stopRequested_ < depth) runOne(nullptr);
+  consumeStop(depth);
+  --runDepth_;
+}
+
+void RunLoop::runFor(Duration duration) {
+  assertOnLoopThread();
+  auto guard = boost::asio::make_work_guard(context_);
+  const TimePoint deadline = Clock::now() + duration;
+  const int depth = ++runDepth_;
+  while (stopRequested_ < depth && Clock::now() < deadline) runOne(&deadline);
+  consumeStop(depth);
+  --runDepth_;
+}
+
+bool RunLoop::runUntil(const std::function<bool()>& predicate, Duration timeout) {
+  assertOnLoopThread();
+  if (predicate()) return true;
+  auto guard = boost::asio::make_work_guard(context_);
+  const TimePoint deadline = Clock::now() + timeout;
+  const int depth = ++runDepth_;
+  bool satisfied = false;
+  while (stopRequested_ < depth && Clock::now() < deadline) {
+    if (!runOne(&deadline)) continue;
+    if ((satisfied = predicate())) break;
+  }
+  consumeStop(depth);
+  --runDepth_;
+  return satisfied || predicate();
+}
+
+std::size_t RunLoop::runPending() {
+  assertOnLoopThread();
+  std::size_t count = 0;
+  for (;;) {
+    std::size_t ran = 0;
+    while (true) {
+      if (context_.stopped()) context_.restart();
+      const std::size_t one = context_.poll_one();
+      if (one == 0) break;
+      ran += one;
+    }
+    calloutCount_ += ran;
+    count += ran;
+    if (manualClock_) {
+      if (auto call = nextManualDue(manualNow_)) {
+        call->fire();
+        ++calloutCount_;
+        ++count;
+        continue;
+      }
+    }
+    if (ran == 0) break;
+  }
+  return count;
+}
+
+void RunLoop::stop() {
+  assertOnLoopThread();
+  if (runDepth_ > 0) stopRequested_ = std::max(stopRequested_, runDepth_);
+}
+
+void RunLoop::post(std::function<void()> callout) {
+  boost::asio::post(context_, std::move(callout));
+}
+
+std::shared_ptr<ScheduledCall> RunLoop::schedule(Duration delay, std::function<void()> callout) {
+  assertOnLoopThread();
+  auto call = std::shared_ptr<ScheduledCall>(new ScheduledCall);
+  call->callout_ = std::move(callout);
+  call->deadline_ = now() + std::max(delay, Duration::zero());
+  call->sequence_ = nextSequence_++;
+  call->pending_ = true;
+
+  if (manualClock_) {
+    manualCalls_.push_back(call);
+    if (call->deadline_ <= manualNow_) {
+      // Due already: a running loop must not wait for advance() to see it.
+      post([this] { runManualDue(manualNow_); });
+    }
+    return call;
+  }
+
+  if (realCalls_.size() >= pruneRealCallsAt_) {
+    std::erase_if(realCalls_, [](const auto& weak) { return weak.expired(); });
+    pruneRealCallsAt_ = std::max<std::size_t>(64, realCalls_.size() * 2);
+  }
+  realCalls_.push_back(call);
+  call->timer_ = std::make_unique<boost::asio::steady_timer>(context_);
+  call->timer_->expires_at(call->deadline_);
+  // The wait holds the call, so dropping the handle does not cancel it.
+  call->timer_->async_wait([call](const boost::system::error_code& error) {
+    if (!error) call->fire();
+  });
+  return call;
+}
+
+RunLoop::TimePoint RunLoop::now() const { return manualClock_ ? manualNow_ : Clock::now(); }
+
+void RunLoop::useManualClock() {
+  assertOnLoopThread();
+  if (manualClock_) return;
+  manualClock_ = true;
+  manualNow_ = Clock::now();
+}
+
+void RunLoop::advance(Duration duration) {
+  assertOnLoopThread();
+  assert(manualClock_ && "advance() needs the manual clock");
+  if (!manualClock_) return;
+  const TimePoint target = manualNow_ + std::max(duration, Duration::zero());
+  while (auto call = nextManualDue(target)) {
+    manualNow_ = std::max(manualNow_, call->deadline_);
+    call->fire();
+    ++calloutCount_;
+    runPending();
+  }
+  manualNow_ = target;
+}
+
+void RunLoop::runManualDue(TimePoint until) {
+  while (auto call = nextManualDue(until)) {
+    call->fire();
+    ++calloutCount_;
+  }
+}
+
+std::shared_ptr<ScheduledCall> RunLoop::nextManualDue(TimePoint until) {
+  std::erase_if(manualCalls_, [](const auto& call) { return !call->pending_; });
+  auto best = manualCalls_.end();
+  for (auto it = manualCalls_.begin(); it != manualCalls_.end(); ++it) {
+    if ((*it)->deadline_ > until) continue;
+    if (best == manualCalls_.end() || (*it)->deadline_ < (*best)->deadline_ ||
+        ((*it)->deadline_ == (*best)->deadline_ && (*it)->sequence_ < (*best)->sequence_)) {
+      best = it;
+    }
+  }
+  if (best == manualCalls_.end()) return nullptr;
+  auto call = std::move(*best);
+  manualCalls_.erase(best);
+  return call;
+}
+
+ScheduledCall::~ScheduledCall() = default;
+
+void ScheduledCall::cancel() {
+  pending_ = false;
+  // Let go of whatever the callout holds now, not when the wait ends.
+  callout_ = nullptr;
+  if (timer_) timer_->cancel();
+}
+
+void ScheduledCall::fire() {
+  if (!pending_) return;
+  pending_ = false;
+  // The callout may drop the last handle of this call: nothing of it is
+  // touched once the callout has started.
+  auto callout = std::move(callout_);
+  callout_ = nullptr;
+  if (callout) callout();
+}
+
+}  // namespace qel
