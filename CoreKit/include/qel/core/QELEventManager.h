@@ -84,16 +84,23 @@ class QELEventManager {
   void addTarget(const std::shared_ptr<Object>& target, Action action, std::string_view eventName);
   // Withdraws every registration of `target`.
   void removeTarget(const Object* target);
+  // Distinct targets registered and still alive.
   std::size_t targetCount() const;
 
+  // True between the transport's connect and disconnect reports while it runs.
   bool isConnected() const { return connected_; }
 
   // Installs the connection to use (replacing and stopping any earlier one).
-  // Until one is installed, the manager never connects.
+  // Until one is installed, the manager never connects. A replaced or stopped
+  // connection counts as disconnected without an event being dispatched.
   void setTransport(std::unique_ptr<EventTransport> transport);
+  // As setTransport(), but hands the earlier transport (stopped) back.
+  std::unique_ptr<EventTransport> replaceTransport(std::unique_ptr<EventTransport> transport);
   EventTransport* transport() const { return transport_.get(); }
 
-  // Called by the transport, on the run loop.
+  // Called by the transport, on the run loop. Connect and disconnect dispatch
+  // QELServiceEventClientConnected / QELServiceEventClientDisconnected, once
+  // per change. A transport's stop() may be called from within these.
   void transportDidConnect();
   void transportDidDisconnect();
   void transportDidReceiveEvent(const std::shared_ptr<QELEvent>& event);
@@ -102,6 +109,8 @@ class QELEventManager {
   QELEventManager();
   void dispatch(const std::shared_ptr<QELEvent>& event);
   void updateTransportRunning();
+  void stopTransport();
+  void pruneRegistrations();
 
   struct Registration;
   std::vector<std::shared_ptr<Registration>> registrations_;

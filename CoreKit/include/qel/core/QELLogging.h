@@ -36,6 +36,8 @@ class QELLogging {
   static void setThreshold(int threshold);
   // An empty sink restores the default one.
   static void setSink(Sink sink);
+  // The sink installed now; empty while the default one is in use.
+  static Sink sink();
   static void write(int level, std::string_view domain, std::string_view message);
 };
 

@@ -18,18 +18,27 @@ namespace qel::core {
 // Every delegate call comes from the run loop, never from within addRequest().
 //
 // Requests already added keep running when the queue object is destroyed.
+// A request with no URL fails at once, without retries. Cancelling a request
+// (waiting, running or between attempts) silences it and frees its place.
+//
+// Delegates are called with the queue already updated, so a delegate may add
+// requests, cancel others or drop the queue from inside its callback.
 //
 // Threading: the run loop thread that created the queue.
 //
-//   auto queue = std::make_shared<QELRequestQueue>();
+//   auto queue = QELRequestQueue::create();
 //   queue->setMaxConcurrentOperationCount(1);
 //   queue->addRequest(request);
 class QELRequestQueue : public Object {
  public:
-  static std::shared_ptr<QELRequestQueue> create(
-      std::shared_ptr<RequestTransport> transport = RequestTransport::shared());
+  // Without a transport, each attempt uses RequestTransport::shared() as it
+  // is when the attempt starts (so a transport installed later, or by a
+  // test, applies to queues that already exist).
+  static std::shared_ptr<QELRequestQueue> create(std::shared_ptr<RequestTransport> transport = nullptr);
   ~QELRequestQueue() override;
 
+  // A count below 1 means no limit, which is the default (as the platform's
+  // operation queues do); raising the limit starts waiting requests.
   void setMaxConcurrentOperationCount(int count);
   int maxConcurrentOperationCount() const;
 

@@ -17,6 +17,8 @@ struct TransportResult {
 };
 
 // One attempt in flight; cancel() makes sure its completion never runs.
+// The transport keeps the operation alive until its completion has run or it
+// was cancelled: callers may hold it only weakly.
 class TransportOperation {
  public:
   virtual ~TransportOperation() = default;
@@ -39,6 +41,9 @@ class RequestTransport {
   // The transport queues use unless given another. Until one is installed it
   // is a transport that fails every attempt, saying that no network is set up.
   static std::shared_ptr<RequestTransport> shared();
+  // Installs the shared transport; an empty pointer restores the default.
+  // Queues made without a transport of their own pick up the new one at
+  // their next attempt.
   static void setShared(std::shared_ptr<RequestTransport> transport);
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <qel/core/QELEventManager.h>
+#include <qel/core/QELLogging.h>
 #include <qel/core/RequestTransport.h>
 
 #include <boost/json/object.hpp>
@@ -33,6 +34,11 @@ class ScriptedRequestTransport : public RequestTransport {
     bool cancelled = false;
   };
 
+  ScriptedRequestTransport() = default;
+  ScriptedRequestTransport(const ScriptedRequestTransport&) = delete;
+  ScriptedRequestTransport& operator=(const ScriptedRequestTransport&) = delete;
+  ~ScriptedRequestTransport() override;
+
   std::shared_ptr<TransportOperation> start(const QELRequest& request, Completion completion) override;
 
   // Every attempt so far, oldest first.
@@ -40,6 +46,7 @@ class ScriptedRequestTransport : public RequestTransport {
   // Indices of the attempts still open.
   std::vector<std::size_t> openAttempts() const;
 
+  // Finishing or failing an attempt that is not open throws std::logic_error.
   void finish(std::size_t index, std::string_view body);
   void finish(std::size_t index, Data body);
   void fail(std::size_t index, std::string description = "scripted failure");
@@ -54,9 +61,14 @@ class ScriptedRequestTransport : public RequestTransport {
 };
 
 // An event channel driven by the test; each call reaches the manager's
-// targets synchronously, as a callout of the run loop would.
+// targets synchronously, as a callout of the run loop would. While the
+// manager has not started it (no targets), the calls only log.
 class ScriptedEventTransport : public EventTransport {
  public:
+  ScriptedEventTransport() = default;
+  ScriptedEventTransport(const ScriptedEventTransport&) = delete;
+  ScriptedEventTransport& operator=(const ScriptedEventTransport&) = delete;
+
   void start(QELEventManager& manager) override;
   void stop() override;
 
@@ -75,7 +87,18 @@ class ScriptedEventTransport : public EventTransport {
 
 // Installs scripted transports for one test and puts things back afterwards:
 // a fresh scripted request transport as the shared one, a scripted event
-// transport on the default manager, a manual clock, and log capture.
+// transport on the default manager, a manual clock on the current run loop
+// (left on afterwards), and log capture with the threshold at 5. The
+// destructor restores the earlier transports, sink and threshold.
+//
+// Create it before the objects under test (so that it outlives them) and do
+// not install other event transports while it lives.
+//
+//   qel::core::testing::ScriptedEnvironment env;
+//   auto queue = QELRequestQueue::create();  // uses env.requests()
+//   ...
+//   env.requests().finishNext("{}");
+//   qel::RunLoop::current().runPending();
 class ScriptedEnvironment {
  public:
   ScriptedEnvironment();
@@ -98,9 +121,12 @@ class ScriptedEnvironment {
 
  private:
   std::shared_ptr<ScriptedRequestTransport> requests_;
-  ScriptedEventTransport* events_;
+  ScriptedEventTransport* events_;  // owned by the default event manager
   std::vector<LogRecord> logs_;
   int savedThreshold_;
+  std::shared_ptr<RequestTransport> savedRequestTransport_;
+  std::unique_ptr<EventTransport> savedEventTransport_;
+  QELLogging::Sink savedSink_;
 };
 
 }  // namespace qel::core::testing

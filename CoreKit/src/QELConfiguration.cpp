@@ -1,0 +1,84 @@
+#include "qel/core/QELHostname.h"
+#include "qel/core/QELLogging.h"
+
+#include <qel/Format.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace qel::core {
+namespace {
+
+constexpr std::string_view kDomain = lastPathComponent(__FILE__);
+
+constexpr std::uint16_t kDefaultPort = 443;
+constexpr const char* kDefaultEventPath = "/skelion/events";
+constexpr int kDefaultLogThreshold = 3;
+
+QELConfiguration& applicationConfiguration() {
+  static auto* const configuration = new QELConfiguration;
+  return *configuration;
+}
+
+// The variable's text; empty when unset or set to nothing.
+std::optional<std::string> environmentText(const char* name) {
+  const char* text = std::getenv(name);
+  if (!text || !*text) return std::nullopt;
+  return std::string(text);
+}
+
+// The variable as an integer within [minimum, maximum]; anything else is
+// reported and ignored.
+std::optional<long> environmentInteger(const char* name, long minimum, long maximum) {
+  const auto text = environmentText(name);
+  if (!text) return std::nullopt;
+  char* end = nullptr;
+  errno = 0;
+  const long value = std::strtol(text->c_str(), &end, 10);
+  if (errno != 0 || *end != '\0' || value < minimum || value > maximum) {
+    QELLogging::log("Ignoring %s=\"%s\": expected a whole number from %d to %d.", 2, kDomain, name,
+                    *text, minimum, maximum);
+    return std::nullopt;
+  }
+  return value;
+}
+
+}  // namespace
+
+void QELConfiguration::set(const QELConfiguration& configuration) {
+  applicationConfiguration() = configuration;
+  // Only an explicit threshold is applied, so that a test's or a tool's
+  // setting survives an application that leaves it open.
+  if (configuration.logThreshold) QELLogging::setThreshold(*configuration.logThreshold);
+}
+
+QELConfiguration QELConfiguration::effective() {
+  QELConfiguration result = applicationConfiguration();
+  if (!result.host || result.host->empty()) result.host = environmentText("QEL_SKELION_HOSTNAME");
+  if (!result.port) {
+    const auto port = environmentInteger("QEL_SKELION_PORT", 1, 65535);
+    result.port = port ? static_cast<std::uint16_t>(*port) : kDefaultPort;
+  }
+  if (!result.caFile || result.caFile->empty()) result.caFile = environmentText("QEL_CA_FILE");
+  if (!result.eventPath || result.eventPath->empty()) {
+    auto path = environmentText("QEL_EVENT_PATH");
+    if (path && path->front() != '/') {
+      QELLogging::log("Ignoring QEL_EVENT_PATH=\"%s\": a path starts with \"/\".", 2, kDomain, *path);
+      path.reset();
+    }
+    result.eventPath = path ? *path : kDefaultEventPath;
+  }
+  if (!result.logThreshold) {
+    const auto level = environmentInteger("QEL_LOG_LEVEL", 0, 100);
+    result.logThreshold = level ? static_cast<int>(*level) : kDefaultLogThreshold;
+  }
+  return result;
+}
+
+std::optional<std::string> QELHostname::skelionHostname() {
+  auto host = QELConfiguration::effective().host;
+  if (host && host->empty()) return std::nullopt;
+  return host;
+}
+
+}  // namespace qel::core

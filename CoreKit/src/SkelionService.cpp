@@ -1,0 +1,7 @@
+#include "qel/core/SkelionService.h"
+
+namespace qel::core {
+
+SkelionService::~SkelionService() = default;
+
+}  // namespace qel::core
