@@ -1,0 +1,99 @@
+#include "qel/Format.h"
+
+#include "qel/Log.h"
+
+#include "TestSupport.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <limits>
+
+namespace qel {
+namespace {
+
+using testing::MatchesRegex;
+
+TEST(PlatformFormat, DescribesJSONValuesAsThePlatformPrintsThem) {
+  const std::pair<boost::json::value, const char*> cases[] = {
+      {42, "42"},
+      {-7, "-7"},
+      {std::numeric_limits<std::uint64_t>::max(), "18446744073709551615"},
+      {800.0, "800"},
+      {1024.5, "1024.5"},
+      {0.1, "0.1"},
+      {-0.25, "-0.25"},
+      {1e20, "1e+20"},
+      {"text with %@", "text with %@"},
+      {true, "1"},
+      {false, "0"},
+      {nullptr, "<null>"},
+      {boost::json::parse(R"([1, "a", null])"), R"([1,"a",null])"},
+      {boost::json::parse(R"({"k": {"n": 2}})"), R"({"k":{"n":2}})"},
+  };
+  for (const auto& [value, expected] : cases) {
+    EXPECT_EQ(describe(value), expected) << boost::json::serialize(value);
+  }
+  EXPECT_EQ(describe(nullptr), "(null)");
+}
+
+TEST(PlatformFormat, FloatValueReadsNumbersAndLeadingDecimals) {
+  const std::pair<boost::json::value, float> cases[] = {
+      {3, 3.0f},
+      {0.1, 0.1f},  // rounded to single precision
+      {1024.5, 1024.5f},
+      {"12.5px", 12.5f},
+      {"  -3e2x", -300.0f},
+      {"+.5", 0.5f},
+      {"7e", 7.0f},
+      {"abc", 0.0f},
+      {"", 0.0f},
+      {"0x10", 0.0f},
+      {"inf", 0.0f},
+      {true, 1.0f},
+      {false, 0.0f},
+      {nullptr, 0.0f},
+      {boost::json::array{1}, 0.0f},
+  };
+  for (const auto& [value, expected] : cases) {
+    EXPECT_EQ(floatValue(&value), expected) << boost::json::serialize(value);
+  }
+  EXPECT_EQ(floatValue(nullptr), 0.0f);
+}
+
+TEST(PlatformFormat, StringWithFormatHandlesTheConversionsAndMismatches) {
+  const boost::json::value number = 800.0;
+  const boost::json::value integer = 12;
+  const std::optional<std::string> none;
+  EXPECT_EQ(stringWithFormat("%@|%s|%d|%i|%ld|%lu|%u|%f|%%", number, "s", 1, -2, 3L, 4UL, 5u, 1.5),
+            "800|s|1|-2|3|4|5|1.500000|%");
+  EXPECT_EQ(stringWithFormat("%d %s %@", "text", none, integer), "text (null) 12");
+  EXPECT_EQ(stringWithFormat("%d and %@", integer), "12 and (null)");
+  EXPECT_EQ(stringWithFormat("%d", 2.5), "2.5");
+  EXPECT_EQ(stringWithFormat("%k %d %", 3), "%k 3 %");
+  EXPECT_EQ(stringWithFormat("[%5d] [%-3s] [%.2f]", 42, "a", 2.0), "[   42] [a  ] [2.00]");
+}
+
+TEST(PlatformFormat, ObjectsDescribeThemselvesByTypeAndAddress) {
+  auto thing = test::Thing::create();
+  EXPECT_THAT(thing->description(), MatchesRegex("<qel::test::Thing: 0x[0-9a-f]+>"));
+  EXPECT_EQ(stringWithFormat("%@", thing), thing->description());
+  EXPECT_EQ(stringWithFormat("%@", std::shared_ptr<test::Thing>()), "(null)");
+}
+
+TEST(PlatformLog, WritesOneStampedLineToStandardError) {
+  testing::internal::CaptureStderr();
+  NSLog("value %d of %@", 5, "x");
+  const std::string output = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(output, MatchesRegex("[0-9-]+ [0-9:.]+ [^ ]+\\[" + std::to_string(::getpid()) +
+                                   "\\] value 5 of x\n"));
+}
+
+}  // namespace
+}  // namespace qel
