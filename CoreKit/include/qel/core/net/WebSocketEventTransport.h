@@ -1,0 +1,74 @@
+#pragma once
+
+#include "qel/core/QELEventManager.h"
+#include "qel/core/QELHostname.h"
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+
+namespace qel::core::net {
+
+// The event channel to the cabin server: a WebSocket over TLS to
+// wss://<host>:<port><eventPath>, verified like every other connection.
+//
+// Each text frame is one JSON object {"name": "...", "userInfo": {...}}
+// ("userInfo" may be absent) and becomes one event for the manager. Frames
+// that are larger than kMaximumFrameSize, binary, or not such an object are
+// dropped with a log line; the connection stays up.
+//
+// The WebSocket handshake completing is "connected"; the connection closing
+// or failing is "disconnected", reported once per connection (an attempt that
+// never connected reports nothing). The transport then reconnects on its own,
+// after a random delay between zero and a bound that starts at 0.5 s and
+// doubles with each attempt up to 30 s; a connection that stayed up a minute
+// resets the bound. A connection silent for half of kDeadAfter is pinged; one
+// that has said nothing, not even a pong, for kDeadAfter is taken for dead.
+//
+// Without a configured host the transport logs that once and stays
+// disconnected.
+//
+// Threading: the run loop thread; it reports to the manager from that loop.
+//
+//   QELEventManager::defaultManager().setTransport(std::make_unique<WebSocketEventTransport>());
+class WebSocketEventTransport : public EventTransport {
+ public:
+  static constexpr std::chrono::seconds kConnectTimeout{5};
+  static constexpr std::chrono::seconds kDeadAfter{20};
+  static constexpr std::chrono::milliseconds kInitialBackoff{500};
+  static constexpr std::chrono::seconds kMaximumBackoff{30};
+  static constexpr std::chrono::seconds kHealthyAfter{60};
+  static constexpr std::size_t kMaximumFrameSize = 1024 * 1024;
+
+  struct Options {
+    // Bounds resolving, connecting and each of the TLS and WebSocket handshakes.
+    std::chrono::steady_clock::duration connectTimeout = kConnectTimeout;
+    std::chrono::steady_clock::duration deadAfter = kDeadAfter;
+    std::chrono::steady_clock::duration initialBackoff = kInitialBackoff;
+    std::chrono::steady_clock::duration maximumBackoff = kMaximumBackoff;
+    std::chrono::steady_clock::duration healthyAfter = kHealthyAfter;
+    std::size_t maximumFrameSize = kMaximumFrameSize;
+    // Used instead of QELConfiguration::effective() when set.
+    std::optional<QELConfiguration> configuration;
+  };
+
+  WebSocketEventTransport();
+  explicit WebSocketEventTransport(Options options);
+  WebSocketEventTransport(const WebSocketEventTransport&) = delete;
+  WebSocketEventTransport& operator=(const WebSocketEventTransport&) = delete;
+  ~WebSocketEventTransport() override;
+
+  void start(QELEventManager& manager) override;
+  void stop() override;
+
+  // Connection attempts since construction.
+  int connectionAttempts() const;
+
+ private:
+  class Channel;
+  class Session;
+  std::shared_ptr<Channel> channel_;
+};
+
+}  // namespace qel::core::net

@@ -1,0 +1,417 @@
+#include "qel/core/net/WebSocketEventTransport.h"
+
+#include "qel/core/QELLogging.h"
+#include "qel/core/net/TlsContext.h"
+
+#include <qel/RunLoop.h>
+
+#include <boost/asio/ip/address.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core/bind_handler.hpp>
+#include <boost/beast/core/buffers_to_string.hpp>
+#include <boost/beast/core/error.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/ssl.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/beast/websocket/ssl.hpp>
+#include <boost/json/parse.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <random>
+
+namespace qel::core::net {
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+using tcp = asio::ip::tcp;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr std::string_view kDomain = qel::lastPathComponent(__FILE__);
+constexpr std::size_t kReadChunk = 64 * 1024;
+
+std::string seconds(Clock::duration duration) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.3g s", std::chrono::duration<double>(duration).count());
+  return text;
+}
+
+struct Target {
+  std::string host;
+  std::uint16_t port = 443;
+  std::string path;
+  std::string hostHeader;
+  std::string url() const {
+    const bool ipv6 = host.find(':') != std::string::npos;
+    return "wss://" + (ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port) + path;
+  }
+};
+
+}  // namespace
+
+// What outlives each connection: the manager to report to, the backoff, the
+// current session and the pending reconnect. It owns no I/O object, so it
+// may be destroyed after the loop without touching it.
+class WebSocketEventTransport::Channel : public std::enable_shared_from_this<Channel> {
+ public:
+  explicit Channel(Options options) : options_(std::move(options)), random_(std::random_device{}()) {}
+  ~Channel() { stop(); }
+
+  void start(QELEventManager& manager);
+  void stop();
+  int attempts() const { return attempts_; }
+
+  // Reports from the current session.
+  void sessionConnected(const Session* session);
+  void sessionEnded(const Session* session, bool wasConnected);
+  void sessionReceived(const Session* session, std::shared_ptr<QELEvent> event);
+
+ private:
+  void connect();
+  void scheduleReconnect();
+  bool isCurrent(const Session* session) const;
+
+  Options options_;
+  QELEventManager* manager_ = nullptr;
+  bool running_ = false;
+  bool toldNoHost_ = false;
+  int attempts_ = 0;
+  int backoffStep_ = 0;
+  Clock::time_point connectedAt_{};
+  std::mt19937 random_;
+  std::weak_ptr<Session> session_;
+  std::weak_ptr<asio::steady_timer> reconnectTimer_;
+};
+
+// One connection: resolve, connect, TLS handshake, WebSocket handshake, then
+// read frames until it ends. It lives through its pending operations.
+class WebSocketEventTransport::Session : public std::enable_shared_from_this<Session> {
+ public:
+  Session(asio::io_context& ioContext, std::shared_ptr<asio::ssl::context> tlsContext, Target target,
+          const Options& options, std::weak_ptr<Channel> channel)
+      : tlsContext_(std::move(tlsContext)),
+        target_(std::move(target)),
+        options_(options),
+        channel_(std::move(channel)),
+        resolver_(ioContext),
+        resolveTimer_(ioContext),
+        ws_(ioContext, *tlsContext_) {}
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  void run();
+  // Ends the connection without reporting anything.
+  void close();
+
+ private:
+  beast::tcp_stream& tcp() { return beast::get_lowest_layer(ws_); }
+  void connectTo(const tcp::resolver::results_type& results);
+  void onResolve(const beast::error_code& error, tcp::resolver::results_type results);
+  void onResolveTimeout(const beast::error_code& error);
+  void onConnect(const beast::error_code& error);
+  void onTlsHandshake(const beast::error_code& error);
+  void onHandshake(const beast::error_code& error);
+  void readMore();
+  void onRead(const beast::error_code& error, std::size_t bytes);
+  void handleMessage();
+  void end(const std::string& why);
+
+  std::shared_ptr<asio::ssl::context> tlsContext_;
+  Target target_;
+  Options options_;
+  std::weak_ptr<Channel> channel_;
+  tcp::resolver resolver_;
+  asio::steady_timer resolveTimer_;
+  websocket::stream<TlsStream> ws_;
+  beast::flat_buffer buffer_;
+  std::size_t messageSize_ = 0;
+  bool oversized_ = false;
+  bool connected_ = false;
+  bool ended_ = false;
+};
+
+// --- Channel -----------------------------------------------------------------
+
+void WebSocketEventTransport::Channel::start(QELEventManager& manager) {
+  if (running_) return;
+  manager_ = &manager;
+  running_ = true;
+  backoffStep_ = 0;
+  connect();
+}
+
+void WebSocketEventTransport::Channel::stop() {
+  running_ = false;
+  manager_ = nullptr;
+  if (auto timer = reconnectTimer_.lock()) timer->cancel();
+  reconnectTimer_.reset();
+  if (auto session = session_.lock()) session->close();
+  session_.reset();
+}
+
+bool WebSocketEventTransport::Channel::isCurrent(const Session* session) const {
+  return running_ && manager_ && session_.lock().get() == session;
+}
+
+void WebSocketEventTransport::Channel::connect() {
+  const QELConfiguration configuration =
+      options_.configuration ? *options_.configuration : QELConfiguration::effective();
+  if (!configuration.host || configuration.host->empty()) {
+    if (!toldNoHost_) {
+      toldNoHost_ = true;
+      QELLogging::log("No cabin server host configured; the event channel stays disconnected.", 2, kDomain);
+    }
+    return;
+  }
+  Target target;
+  target.host = *configuration.host;
+  target.port = configuration.port.value_or(443);
+  target.path = configuration.eventPath.value_or("/skelion/events");
+  const bool ipv6 = target.host.find(':') != std::string::npos;
+  target.hostHeader = ipv6 ? "[" + target.host + "]" : target.host;
+  if (target.port != 443) target.hostHeader += ":" + std::to_string(target.port);
+
+  std::string why;
+  auto tlsContext = TlsContext::forCaFile(configuration.caFile, &why);
+  if (!tlsContext) {
+    QELLogging::log("Event channel to %s not opened: %s", 2, kDomain, target.url(), why);
+    return scheduleReconnect();
+  }
+  ++attempts_;
+  QELLogging::log("Opening the event channel to %s", 4, kDomain, target.url());
+  auto session = std::make_shared<Session>(RunLoop::current().context(), std::move(tlsContext), std::move(target),
+                                           options_, weak_from_this());
+  session_ = session;
+  session->run();
+}
+
+void WebSocketEventTransport::Channel::scheduleReconnect() {
+  if (!running_) return;
+  // Full jitter: a random wait up to the bound, so that every device in the
+  // cabin does not come back in the same instant after the server restarts.
+  const int step = std::min(backoffStep_, 30);
+  ++backoffStep_;
+  const auto bound = std::min<Clock::duration>(options_.maximumBackoff, options_.initialBackoff * (1LL << step));
+  std::uniform_int_distribution<Clock::rep> distribution(0, bound.count());
+  const Clock::duration delay(distribution(random_));
+  QELLogging::log("Reconnecting the event channel in %s", 4, kDomain, seconds(delay));
+
+  auto timer = std::make_shared<asio::steady_timer>(RunLoop::current().context(), delay);
+  reconnectTimer_ = timer;
+  timer->async_wait([weakChannel = weak_from_this(), timer](const beast::error_code& error) {
+    auto channel = weakChannel.lock();
+    if (error || !channel || channel->reconnectTimer_.lock() != timer || !channel->running_) return;
+    channel->reconnectTimer_.reset();
+    channel->connect();
+  });
+}
+
+void WebSocketEventTransport::Channel::sessionConnected(const Session* session) {
+  if (!isCurrent(session)) return;
+  connectedAt_ = Clock::now();
+  manager_->transportDidConnect();
+}
+
+void WebSocketEventTransport::Channel::sessionEnded(const Session* session, bool wasConnected) {
+  if (!isCurrent(session)) return;
+  session_.reset();
+  if (wasConnected && Clock::now() - connectedAt_ >= options_.healthyAfter) backoffStep_ = 0;
+  // Keep ourselves alive: the manager's targets may stop or replace us.
+  auto self = shared_from_this();
+  if (wasConnected) manager_->transportDidDisconnect();
+  scheduleReconnect();
+}
+
+void WebSocketEventTransport::Channel::sessionReceived(const Session* session, std::shared_ptr<QELEvent> event) {
+  if (!isCurrent(session)) return;
+  auto self = shared_from_this();
+  manager_->transportDidReceiveEvent(event);
+}
+
+// --- Session -----------------------------------------------------------------
+
+void WebSocketEventTransport::Session::run() {
+  boost::system::error_code notAnAddress;
+  const auto address = asio::ip::make_address(target_.host, notAnAddress);
+  if (!notAnAddress) {
+    tcp().expires_after(options_.connectTimeout);
+    tcp().async_connect(tcp::endpoint(address, target_.port),
+                        beast::bind_front_handler(&Session::onConnect, shared_from_this()));
+    return;
+  }
+  resolveTimer_.expires_after(options_.connectTimeout);
+  resolveTimer_.async_wait(beast::bind_front_handler(&Session::onResolveTimeout, shared_from_this()));
+  resolver_.async_resolve(target_.host, std::to_string(target_.port),
+                          beast::bind_front_handler(&Session::onResolve, shared_from_this()));
+}
+
+void WebSocketEventTransport::Session::close() {
+  if (ended_) return;
+  ended_ = true;
+  resolver_.cancel();
+  resolveTimer_.cancel();
+  if (connected_) {
+    // Say goodbye properly; the close has its own timeout, and the read
+    // still pending ends with it.
+    ws_.async_close(websocket::close_code::going_away, [self = shared_from_this()](const beast::error_code&) {});
+  } else {
+    tcp().close();
+  }
+}
+
+void WebSocketEventTransport::Session::onResolveTimeout(const beast::error_code& error) {
+  if (error || ended_) return;
+  resolver_.cancel();
+  end("resolving " + target_.host + " took longer than " + seconds(options_.connectTimeout));
+}
+
+void WebSocketEventTransport::Session::onResolve(const beast::error_code& error,
+                                                 tcp::resolver::results_type results) {
+  if (ended_) return;
+  resolveTimer_.cancel();
+  if (error) return end("cannot resolve " + target_.host + ": " + error.message());
+  tcp().expires_after(options_.connectTimeout);
+  tcp().async_connect(results, [self = shared_from_this()](const beast::error_code& error, const tcp::endpoint&) {
+    self->onConnect(error);
+  });
+}
+
+void WebSocketEventTransport::Session::onConnect(const beast::error_code& error) {
+  if (ended_) return;
+  if (error == beast::error::timeout) return end("no connection within " + seconds(options_.connectTimeout));
+  if (error) return end("cannot connect: " + error.message());
+  std::string why;
+  if (!TlsContext::prepare(ws_.next_layer(), target_.host, &why)) return end(why);
+  tcp().expires_after(options_.connectTimeout);
+  ws_.next_layer().async_handshake(asio::ssl::stream_base::client,
+                                   beast::bind_front_handler(&Session::onTlsHandshake, shared_from_this()));
+}
+
+void WebSocketEventTransport::Session::onTlsHandshake(const beast::error_code& error) {
+  if (ended_) return;
+  if (error == beast::error::timeout) return end("no TLS handshake within " + seconds(options_.connectTimeout));
+  if (error) return end(TlsContext::describeHandshakeFailure(ws_.next_layer(), error));
+
+  // The WebSocket layer keeps its own time from here on: the handshake
+  // timeout, and pings after half the dead interval of silence.
+  tcp().expires_never();
+  websocket::stream_base::timeout timeouts;
+  timeouts.handshake_timeout = options_.connectTimeout;
+  timeouts.idle_timeout = options_.deadAfter;
+  timeouts.keep_alive_pings = true;
+  ws_.set_option(timeouts);
+  ws_.set_option(websocket::stream_base::decorator(
+      [](websocket::request_type& request) { request.set(beast::http::field::user_agent, "QELMaps/1.0"); }));
+  // Oversized messages are counted and skipped below instead of failing the
+  // connection.
+  ws_.read_message_max(0);
+  ws_.async_handshake(target_.hostHeader, target_.path,
+                      beast::bind_front_handler(&Session::onHandshake, shared_from_this()));
+}
+
+void WebSocketEventTransport::Session::onHandshake(const beast::error_code& error) {
+  if (ended_) return;
+  if (error == beast::error::timeout) {
+    return end("no WebSocket handshake within " + seconds(options_.connectTimeout));
+  }
+  if (error) return end("WebSocket handshake failed: " + error.message());
+  connected_ = true;
+  QELLogging::log("Event channel to %s connected", 4, kDomain, target_.url());
+  if (auto channel = channel_.lock()) channel->sessionConnected(this);
+  if (!ended_) readMore();
+}
+
+void WebSocketEventTransport::Session::readMore() {
+  ws_.async_read_some(buffer_, kReadChunk, beast::bind_front_handler(&Session::onRead, shared_from_this()));
+}
+
+void WebSocketEventTransport::Session::onRead(const beast::error_code& error, std::size_t bytes) {
+  if (ended_) return;
+  if (error == websocket::error::closed) {
+    const auto reason = ws_.reason();
+    return end("closed by the server (code " + std::to_string(reason.code) +
+               (reason.reason.empty() ? std::string() : ", \"" + std::string(reason.reason.c_str()) + "\"") + ")");
+  }
+  if (error == beast::error::timeout) return end("no frame and no pong for " + seconds(options_.deadAfter));
+  if (error) return end(error.message());
+
+  messageSize_ += bytes;
+  if (messageSize_ > options_.maximumFrameSize) oversized_ = true;
+  if (oversized_) buffer_.clear();
+  if (ws_.is_message_done()) {
+    if (oversized_) {
+      QELLogging::log("Dropped an event frame of %lu bytes: more than the %lu allowed.", 2, kDomain,
+                      static_cast<unsigned long>(messageSize_),
+                      static_cast<unsigned long>(options_.maximumFrameSize));
+    } else {
+      handleMessage();
+    }
+    buffer_.clear();
+    messageSize_ = 0;
+    oversized_ = false;
+  }
+  if (!ended_) readMore();
+}
+
+void WebSocketEventTransport::Session::handleMessage() {
+  if (!ws_.got_text()) {
+    QELLogging::log("Dropped a binary event frame of %lu bytes: events are JSON text.", 2, kDomain,
+                    static_cast<unsigned long>(buffer_.size()));
+    return;
+  }
+  const std::string text = beast::buffers_to_string(buffer_.data());
+  boost::system::error_code parseError;
+  const boost::json::value value = boost::json::parse(text, parseError);
+  const boost::json::object* object = parseError ? nullptr : value.if_object();
+  const boost::json::value* name = object ? object->if_contains("name") : nullptr;
+  const boost::json::value* userInfo = object ? object->if_contains("userInfo") : nullptr;
+  const char* problem = nullptr;
+  if (parseError) {
+    problem = "not JSON";
+  } else if (!object) {
+    problem = "not a JSON object";
+  } else if (!name || !name->is_string() || name->get_string().empty()) {
+    problem = "no \"name\" string";
+  } else if (userInfo && !userInfo->is_object() && !userInfo->is_null()) {
+    problem = "\"userInfo\" is not an object";
+  }
+  if (problem) {
+    const std::size_t shown = std::min<std::size_t>(text.size(), 80);
+    QELLogging::log("Dropped an event frame: %s (%s%s)", 2, kDomain, problem, text.substr(0, shown),
+                    shown < text.size() ? "..." : "");
+    return;
+  }
+  UserInfo info;
+  if (userInfo && userInfo->is_object()) info = std::make_shared<const boost::json::object>(userInfo->get_object());
+  auto event = QELEvent::create(std::string(name->get_string()), std::move(info));
+  if (auto channel = channel_.lock()) channel->sessionReceived(this, std::move(event));
+}
+
+void WebSocketEventTransport::Session::end(const std::string& why) {
+  if (ended_) return;
+  ended_ = true;
+  QELLogging::log("Event channel to %s %s: %s", 2, kDomain, target_.url(), connected_ ? "lost" : "failed", why);
+  resolveTimer_.cancel();
+  tcp().close();
+  if (auto channel = channel_.lock()) channel->sessionEnded(this, connected_);
+}
+
+// --- WebSocketEventTransport -------------------------------------------------
+
+WebSocketEventTransport::WebSocketEventTransport() : WebSocketEventTransport(Options{}) {}
+
+WebSocketEventTransport::WebSocketEventTransport(Options options)
+    : channel_(std::make_shared<Channel>(std::move(options))) {}
+
+WebSocketEventTransport::~WebSocketEventTransport() { channel_->stop(); }
+
+void WebSocketEventTransport::start(QELEventManager& manager) { channel_->start(manager); }
+
+void WebSocketEventTransport::stop() { channel_->stop(); }
+
+int WebSocketEventTransport::connectionAttempts() const { return channel_->attempts(); }
+
+}  // namespace qel::core::net
