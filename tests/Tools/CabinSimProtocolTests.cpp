@@ -1,0 +1,134 @@
+// What goes over the wire (event frames) and the command line other tools use.
+#include "cabinsim/CommandLine.h"
+#include "cabinsim/Events.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/json.hpp>
+
+namespace {
+
+namespace json = boost::json;
+
+const std::string kImages =
+    R"([{"width":1024,"height":768,"src":"/maps/1024x768/3.png"},{"width":400,"height":300,"src":"/maps/400x300/3.png"}])";
+
+// The checks a careful client makes before it believes an update; returns
+// the images array, or null for a frame it must drop.
+json::value acceptedImages(const std::string& frame) {
+  if (frame.size() > cabinsim::kMaxEventFrameBytes) {
+    return nullptr;
+  }
+  boost::system::error_code ec;
+  const json::value event = json::parse(frame, ec);
+  if (ec || !event.is_object()) {
+    return nullptr;
+  }
+  const json::value* userInfo = event.as_object().if_contains("userInfo");
+  if (userInfo == nullptr || !userInfo->is_object()) {
+    return nullptr;
+  }
+  const json::value* images = userInfo->as_object().if_contains("images");
+  if (images == nullptr || !images->is_string()) {
+    return nullptr;
+  }
+  json::value array = json::parse(images->as_string(), ec);
+  if (ec || !array.is_array()) {
+    return nullptr;
+  }
+  return array;
+}
+
+TEST(Events, UpdateCarriesTheImagesAsJsonText) {
+  const std::string frame = cabinsim::makeUpdateEvent(kImages);
+  const json::value event = json::parse(frame);
+  EXPECT_EQ(event.at("name").as_string(), "core.maps.map_update");
+  EXPECT_EQ(event.at("userInfo").at("images").as_string(), kImages);
+  EXPECT_EQ(acceptedImages(frame), json::parse(kImages));
+}
+
+TEST(Events, EveryMalformedKindFailsTheClientChecks) {
+  for (std::size_t i = 0; i < cabinsim::kMalformedKindCount; ++i) {
+    const auto kind = static_cast<cabinsim::MalformedKind>(i);
+    SCOPED_TRACE(cabinsim::toString(kind));
+    const std::string frame = cabinsim::makeMalformedEvent(kind, kImages);
+    EXPECT_FALSE(frame.empty());
+    EXPECT_TRUE(acceptedImages(frame).is_null());
+  }
+  // The over-size frame is otherwise a proper update: only its size gives it away.
+  const std::string big = cabinsim::makeMalformedEvent(cabinsim::MalformedKind::Oversize, kImages);
+  EXPECT_EQ(json::parse(big).at("userInfo").at("images").as_string(), kImages);
+}
+
+std::optional<cabinsim::CommandLine> parse(std::vector<std::string> args) {
+  std::string error;
+  auto line = cabinsim::parseCommandLine(args, error);
+  if (!line) {
+    EXPECT_FALSE(error.empty());
+  }
+  return line;
+}
+
+TEST(CommandLine, DefaultsBindLoopbackOnAFreePort) {
+  const auto line = parse({});
+  ASSERT_TRUE(line);
+  const auto& o = line->options;
+  EXPECT_EQ(o.host, "127.0.0.1");
+  EXPECT_EQ(o.port, 0);
+  EXPECT_EQ(o.intervalSeconds, 5.0);
+  EXPECT_EQ(o.resolutions, (std::vector<cabinsim::Resolution>{{1024, 768}, {800, 600}, {400, 300}}));
+  EXPECT_TRUE(o.caOut.empty());
+  EXPECT_EQ(o.faults.failRest, 0);
+  EXPECT_FALSE(o.faults.nonImageBody);
+  EXPECT_FALSE(line->help);
+}
+
+TEST(CommandLine, EveryFlagInBothSpellings) {
+  const auto line = parse({"--host", "localhost", "--port=8443", "--ca-out", "/tmp/ca.pem", "--interval", "0.2",
+                           "--resolutions=640x480,320x240", "--fail-rest", "2", "--fail-rest-rate=0.25",
+                           "--drop-events-every", "1.5", "--malformed-events-every", "3", "--fail-images=4",
+                           "--fail-images-rate", "0.5", "--delay-images", "250", "--non-image-body",
+                           "--image-host", "https://elsewhere.example:9443", "--seed", "7"});
+  ASSERT_TRUE(line);
+  const auto& o = line->options;
+  EXPECT_EQ(o.host, "localhost");
+  EXPECT_EQ(o.port, 8443);
+  EXPECT_EQ(o.caOut, "/tmp/ca.pem");
+  EXPECT_DOUBLE_EQ(o.intervalSeconds, 0.2);
+  EXPECT_EQ(o.resolutions, (std::vector<cabinsim::Resolution>{{640, 480}, {320, 240}}));
+  EXPECT_EQ(o.faults.failRest, 2);
+  EXPECT_DOUBLE_EQ(o.faults.failRestRate, 0.25);
+  EXPECT_DOUBLE_EQ(o.faults.dropEventsEverySeconds, 1.5);
+  EXPECT_EQ(o.faults.malformedEventsEvery, 3);
+  EXPECT_EQ(o.faults.failImages, 4);
+  EXPECT_DOUBLE_EQ(o.faults.failImagesRate, 0.5);
+  EXPECT_EQ(o.faults.delayImagesMs, 250);
+  EXPECT_TRUE(o.faults.nonImageBody);
+  EXPECT_EQ(o.faults.imageHost, "https://elsewhere.example:9443");
+  EXPECT_EQ(o.seed, 7u);
+
+  EXPECT_TRUE(parse({"--help"})->help);
+  EXPECT_NE(cabinsim::usageText().find("--malformed-events-every"), std::string::npos);
+}
+
+TEST(CommandLine, RejectsWhatItCannotHonour) {
+  for (const auto& args : std::vector<std::vector<std::string>>{
+           {"--bogus"},
+           {"--port"},
+           {"--port", "65536"},
+           {"--interval", "0"},
+           {"--interval", "fast"},
+           {"--resolutions", "1024x768,"},
+           {"--resolutions", "1024by768"},
+           {"--resolutions", "800x600,800x600"},
+           {"--fail-rest-rate", "1.5"},
+           {"--fail-images", "-1"},
+           {"--non-image-body=yes"},
+           {"--cert", "server.pem"},
+       }) {
+    SCOPED_TRACE(args.front());
+    EXPECT_FALSE(parse(args));
+  }
+}
+
+}  // namespace
