@@ -54,7 +54,7 @@ struct QELRequestQueue::State : std::enable_shared_from_this<State> {
     return maxConcurrent < 1 || active.size() < static_cast<std::size_t>(maxConcurrent);
   }
 
-  std::shared_ptr<RequestTransport> transport;
+  std::shared_ptr<RequestTransport> transport;  // empty: the shared one at each attempt
   RunLoop* loop;
   int maxConcurrent = -1;
   std::deque<std::shared_ptr<Entry>> waiting;
@@ -117,7 +117,9 @@ void QELRequestQueue::State::startAttempt(const std::shared_ptr<Entry>& entry) {
 
   QELLogging::log("Sending %s (attempt %d).", 5, kDomain, *url, entry->failures + 1);
   entry->starting = true;
-  entry->operation = transport->start(
+  // A queue of no particular transport follows whatever is shared now.
+  const auto attemptTransport = transport ? transport : RequestTransport::shared();
+  entry->operation = attemptTransport->start(
       *entry->request, [self = shared_from_this(), entry, attempt](TransportResult result) {
         if (entry->starting) {
           // A transport must not complete from within start(); keep the
@@ -218,7 +220,7 @@ std::shared_ptr<QELRequestQueue> QELRequestQueue::create(std::shared_ptr<Request
 }
 
 QELRequestQueue::QELRequestQueue(std::shared_ptr<RequestTransport> transport)
-    : state_(std::make_shared<State>(transport ? std::move(transport) : RequestTransport::shared())) {}
+    : state_(std::make_shared<State>(std::move(transport))) {}
 
 QELRequestQueue::~QELRequestQueue() = default;
 
