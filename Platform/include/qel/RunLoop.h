@@ -111,7 +111,7 @@ class RunLoop {
   // Real-clock calls whose asio timers must go before the io_context does.
   std::vector<std::weak_ptr<ScheduledCall>> realCalls_;
   std::size_t pruneRealCallsAt_ = 64;
-  const void* threadTag_ = nullptr;
+  [[maybe_unused]] const void* threadTag_ = nullptr;  // read only by assertions
 };
 
 // A call scheduled on a run loop. cancel() is safe at any time, also from
