@@ -332,6 +332,26 @@ TEST_F(QELRequestQueueTest, ImageDownloadRequestCarriesItsURLAndKind) {
   EXPECT_EQ(env_.requests().attempts()[0].request.lock(), image);
 }
 
+TEST_F(QELRequestQueueTest, QueueWithoutItsOwnTransportFollowsTheSharedOne) {
+  auto pinned = std::make_shared<testing::ScriptedRequestTransport>();
+  auto pinnedQueue = QELRequestQueue::create(pinned);
+  {
+    ScriptedEnvironment later;  // installs another shared transport after the queues exist
+    queue_->addRequest(request("/follows"));
+    pinnedQueue->addRequest(request("/pinned"));
+    runPending();
+    ASSERT_EQ(later.requests().attempts().size(), 1u);
+    EXPECT_EQ(later.requests().attempts()[0].url, "/follows");
+    later.requests().finishNext("x");
+    runPending();
+  }
+  ASSERT_EQ(pinned->attempts().size(), 1u);
+  EXPECT_EQ(pinned->attempts()[0].url, "/pinned");
+  EXPECT_TRUE(env_.requests().attempts().empty());
+  pinned->finishNext("y");  // an open attempt would keep the queue and its transport alive
+  runPending();
+}
+
 TEST_F(QELRequestQueueTest, WithoutAnInstalledTransportEveryAttemptFailsClearly) {
   RequestTransport::setShared(nullptr);  // the environment puts its own back afterwards
   auto queue = QELRequestQueue::create();

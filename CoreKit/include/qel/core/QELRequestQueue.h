@@ -33,7 +33,9 @@ class QELRequestQueue : public Object {
  public:
   // Without a transport, each attempt uses RequestTransport::shared() as it
   // is when the attempt starts (so a transport installed later, or by a
-  // test, applies to queues that already exist).
+  // test, applies to queues that already exist). A queue given a transport
+  // owns it; the two stay alive together while an attempt is in flight, so
+  // every attempt must end (complete or be cancelled) for them to go.
   static std::shared_ptr<QELRequestQueue> create(std::shared_ptr<RequestTransport> transport = nullptr);
   ~QELRequestQueue() override;
 
