@@ -4,6 +4,7 @@
 #include <turbojpeg.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 
@@ -137,6 +138,34 @@ bool operator==(const Image& a, const Image& b) {
   if (&a == &b) return true;
   if (a.width_ != b.width_ || a.height_ != b.height_ || a.hash_ != b.hash_) return false;
   return a.pixels_ == b.pixels_;
+}
+
+}  // namespace qel
+
+namespace qel {
+
+std::vector<std::uint8_t> Image::pngRepresentation() const {
+  std::vector<std::uint8_t> png;
+  spng_ctx* ctx = spng_ctx_new(SPNG_CTX_ENCODER);
+  if (!ctx) return png;
+  spng_set_option(ctx, SPNG_ENCODE_TO_BUFFER, 1);
+  spng_ihdr ihdr{};
+  ihdr.width = static_cast<std::uint32_t>(width_);
+  ihdr.height = static_cast<std::uint32_t>(height_);
+  ihdr.bit_depth = 8;
+  ihdr.color_type = SPNG_COLOR_TYPE_TRUECOLOR_ALPHA;
+  int error = spng_set_ihdr(ctx, &ihdr);
+  if (!error) {
+    error = spng_encode_image(ctx, pixels_.data(), pixels_.size(), SPNG_FMT_PNG, SPNG_ENCODE_FINALIZE);
+  }
+  if (!error) {
+    std::size_t size = 0;
+    auto* buffer = static_cast<std::uint8_t*>(spng_get_png_buffer(ctx, &size, &error));
+    if (buffer && !error) png.assign(buffer, buffer + size);
+    std::free(buffer);
+  }
+  spng_ctx_free(ctx);
+  return png;
 }
 
 }  // namespace qel

@@ -111,6 +111,11 @@ TEST(PlatformImage, EqualityComparesPicturesNotEncodings) {
   // The same bytes seen as another shape are another picture.
   EXPECT_FALSE(*raw == *Image::fromRGBA(8, 32, rgba));
   EXPECT_EQ(Image::fromRGBA(16, 15, rgba), nullptr);
+
+  // What an application saves is the same picture when read back.
+  auto saved = decode(raw->pngRepresentation());
+  ASSERT_TRUE(saved);
+  EXPECT_TRUE(*saved == *raw);
 }
 
 TEST(PlatformImage, DecodesJPEG) {

@@ -8,6 +8,8 @@
 #include <QELMaps/QELBroadcastMapsNotifications.h>
 #include <QELMaps/QELBroadcastMapsV1.h>
 
+#include <qel/Format.h>
+#include <qel/Image.h>
 #include <qel/NotificationCenter.h>
 #include <qel/RunLoop.h>
 #include <qel/core/QELHostname.h>

@@ -36,6 +36,9 @@ class Image {
   std::size_t height() const { return height_; }
   std::span<const std::uint8_t> pixels() const { return pixels_; }
 
+  // The picture encoded as PNG (8-bit RGBA); empty if encoding fails.
+  std::vector<std::uint8_t> pngRepresentation() const;
+
   friend bool operator==(const Image& a, const Image& b);
 
  private:
