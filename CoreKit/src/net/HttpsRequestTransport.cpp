@@ -12,28 +12,24 @@ namespace {
 
 constexpr std::string_view kDomain = qel::lastPathComponent(__FILE__);
 
-class HttpsOperation : public TransportOperation {
+// An attempt that failed before any I/O; its completion is already posted.
+class FailedOperation : public TransportOperation {
  public:
-  void cancel() override {
-    cancelled_ = true;
-    if (auto session = session_.lock()) session->cancel();
-  }
+  void cancel() override { cancelled_ = true; }
   bool isCancelled() const { return cancelled_; }
-  void setSession(const std::shared_ptr<HttpsSession>& session) { session_ = session; }
 
  private:
   bool cancelled_ = false;
-  std::weak_ptr<HttpsSession> session_;
 };
 
 }  // namespace
 
 std::shared_ptr<TransportOperation> HttpsRequestTransport::start(const QELRequest& request, Completion completion) {
-  auto operation = std::make_shared<HttpsOperation>();
   auto& loop = RunLoop::current();
   // Failures found before any I/O are still reported from the loop, never
   // from within start(), and not at all once cancelled.
   auto failLater = [&](Error error) {
+    auto operation = std::make_shared<FailedOperation>();
     loop.post([operation, completion = std::move(completion), error = std::move(error)]() mutable {
       if (!operation->isCancelled()) completion(TransportResult{std::move(error), {}});
     });
@@ -68,9 +64,8 @@ std::shared_ptr<TransportOperation> HttpsRequestTransport::start(const QELReques
   settings.maximumIdleTime = options_.maximumIdleTime;
 
   auto session = std::make_shared<HttpsSession>(loop.context(), std::move(settings), std::move(completion));
-  operation->setSession(session);
   session->run();
-  return operation;
+  return session;
 }
 
 }  // namespace qel::core::net

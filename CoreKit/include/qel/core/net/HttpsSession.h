@@ -22,15 +22,15 @@ namespace qel::core::net {
 // connection back when it can be reused. A pooled connection that turns out
 // to be closed by the server is replaced once by a fresh one.
 //
-// The session keeps itself alive through its pending operations; whoever
-// started it holds a weak reference to cancel it. After cancel() the
+// The session is the attempt's TransportOperation. It keeps itself alive
+// through its pending operations (callers hold it weakly); after cancel() the
 // completion never runs.
 //
 // Threading: the thread that runs the io_context.
 //
 //   auto session = std::make_shared<HttpsSession>(ioContext, settings, completion);
 //   session->run();
-class HttpsSession : public std::enable_shared_from_this<HttpsSession> {
+class HttpsSession : public TransportOperation, public std::enable_shared_from_this<HttpsSession> {
  public:
   struct Settings {
     Endpoint endpoint;
@@ -46,10 +46,10 @@ class HttpsSession : public std::enable_shared_from_this<HttpsSession> {
   HttpsSession(boost::asio::io_context& ioContext, Settings settings, RequestTransport::Completion completion);
   HttpsSession(const HttpsSession&) = delete;
   HttpsSession& operator=(const HttpsSession&) = delete;
-  ~HttpsSession();
+  ~HttpsSession() override;
 
   void run();
-  void cancel();
+  void cancel() override;
 
  private:
   using Parser = boost::beast::http::response_parser<boost::beast::http::vector_body<std::uint8_t>>;
