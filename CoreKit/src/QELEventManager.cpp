@@ -1,6 +1,7 @@
 #include "qel/core/QELEventManager.h"
 
 #include "qel/core/QELLogging.h"
+#include "qel/core/net/WebSocketEventTransport.h"
 
 #include <qel/Format.h>
 
@@ -17,7 +18,11 @@ constexpr std::string_view kDomain = lastPathComponent(__FILE__);
 
 // The event channel a new manager uses. None for now: the manager stays
 // disconnected until a transport is installed with setTransport().
-std::unique_ptr<EventTransport> makeDefaultEventTransport() { return nullptr; }
+// The event channel to the configured cabin server; it connects only when a
+// host is configured.
+std::unique_ptr<EventTransport> makeDefaultEventTransport() {
+  return std::make_unique<net::WebSocketEventTransport>();
+}
 
 }  // namespace
 

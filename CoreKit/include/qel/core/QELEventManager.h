@@ -91,7 +91,8 @@ class QELEventManager {
   bool isConnected() const { return connected_; }
 
   // Installs the connection to use (replacing and stopping any earlier one).
-  // Until one is installed, the manager never connects. A replaced or stopped
+  // By default the manager uses the secure WebSocket channel to the configured
+  // cabin server (it stays disconnected while no host is configured). A replaced or stopped
   // connection counts as disconnected without an event being dispatched.
   void setTransport(std::unique_ptr<EventTransport> transport);
   // As setTransport(), but hands the earlier transport (stopped) back.

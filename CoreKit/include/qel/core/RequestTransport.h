@@ -38,8 +38,8 @@ class RequestTransport {
   virtual std::shared_ptr<TransportOperation> start(const QELRequest& request,
                                                     Completion completion) = 0;
 
-  // The transport queues use unless given another. Until one is installed it
-  // is a transport that fails every attempt, saying that no network is set up.
+  // The transport queues use unless given another: by default verified HTTPS
+  // to the configured cabin server.
   static std::shared_ptr<RequestTransport> shared();
   // Installs the shared transport; an empty pointer restores the default.
   // Queues made without a transport of their own pick up the new one at
