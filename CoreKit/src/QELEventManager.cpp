@@ -16,10 +16,8 @@ namespace {
 
 constexpr std::string_view kDomain = lastPathComponent(__FILE__);
 
-// The event channel a new manager uses. None for now: the manager stays
-// disconnected until a transport is installed with setTransport().
-// The event channel to the configured cabin server; it connects only when a
-// host is configured.
+// The event channel a new manager uses: the secure WebSocket to the
+// configured cabin server, which connects only when a host is configured.
 std::unique_ptr<EventTransport> makeDefaultEventTransport() {
   return std::make_unique<net::WebSocketEventTransport>();
 }
