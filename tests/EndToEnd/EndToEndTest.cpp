@@ -1,0 +1,226 @@
+// The framework against the cabin server simulator over real HTTPS and a
+// real secure WebSocket on loopback: what a passenger application receives
+// when things go right, and when the server or the link misbehaves.
+
+#include <QELMaps/QELMaps.h>
+
+#include <cabinsim/Server.h>
+
+#include <qel/core/QELLogging.h>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace qel {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kImage = "BROADCAST_MAPS_IMAGE_DID_CHANGE";
+constexpr const char* kResolutions = "BROADCAST_MAPS_AVAILABLE_RESOLUTIONS_DID_CHANGE";
+constexpr const char* kError = "BROADCAST_MAPS_ERROR";
+
+// What the application sees: notification names in order.
+class Application : public Object {
+ public:
+  std::vector<std::string> received;
+  std::size_t count(std::string_view name) const {
+    return static_cast<std::size_t>(std::count(received.begin(), received.end(), name));
+  }
+};
+
+class EndToEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    core::QELLogging::setThreshold(5);
+    core::QELLogging::setSink([this](int, std::string_view domain, std::string_view message) {
+      logs_.push_back(std::string(domain) + " " + std::string(message));
+    });
+  }
+
+  void TearDown() override {
+    for (auto& service : services_) service->stop();
+    services_.clear();
+    if (server_) server_->stop();
+    // Let closing connections finish before the next test's objects appear.
+    RunLoop::current().runFor(100ms);
+    core::QELConfiguration::set({});
+    core::QELLogging::setSink({});
+    core::QELLogging::setThreshold(3);
+    std::filesystem::remove_all(directory_);
+  }
+
+  // Starts the simulator with no periodic updates (the test ticks it), and
+  // points the core kit at it, trusting its CA unless told otherwise.
+  void startServer(cabinsim::ServerOptions options = {}, std::optional<std::string> trust = std::nullopt) {
+    options.intervalSeconds = 3600;
+    server_ = std::make_unique<cabinsim::Server>(RunLoop::current().context(), options);
+    const auto port = server_->start();
+    std::filesystem::create_directories(directory_);
+    const auto caFile = directory_ / "ca.pem";
+    std::ofstream(caFile) << trust.value_or(server_->trustAnchorPem());
+
+    core::QELConfiguration configuration;
+    configuration.host = "127.0.0.1";
+    configuration.port = port;
+    configuration.caFile = caFile.string();
+    core::QELConfiguration::set(configuration);
+  }
+
+  std::shared_ptr<QELBroadcastMapsV1> startService(std::optional<CGSize> resolution = std::nullopt,
+                                                   bool start = true) {
+    auto service = QELBroadcastMapsV1::create();
+    NotificationCenter::defaultCenter().addObserver(
+        app_, [this](const Notification& n) { app_->received.push_back(n.name()); }, {}, service);
+    if (resolution) service->setCurrentResolutionWithCGSize(*resolution);
+    if (start) service->start();
+    services_.push_back(service);
+    return service;
+  }
+
+  bool waitFor(const std::function<bool()>& condition, std::chrono::seconds timeout = 15s) {
+    return RunLoop::current().runUntil(condition, timeout);
+  }
+  std::size_t logCount(std::string_view text) const {
+    return static_cast<std::size_t>(
+        std::count_if(logs_.begin(), logs_.end(), [&](const std::string& line) { return line.find(text) != std::string::npos; }));
+  }
+
+  std::filesystem::path directory_ =
+      std::filesystem::temp_directory_path() / ("qelmaps-e2e-" + std::to_string(::getpid()));
+  std::unique_ptr<cabinsim::Server> server_;
+  std::shared_ptr<Application> app_ = std::make_shared<Application>();
+  std::vector<std::shared_ptr<QELBroadcastMapsV1>> services_;
+  std::vector<std::string> logs_;
+};
+
+TEST_F(EndToEndTest, FirstDataByRestThenByPushAndAChangeOfResolution) {
+  startServer();
+  auto maps = startService(CGSize{800, 600});
+
+  ASSERT_TRUE(waitFor([&] { return app_->count(kImage) == 1; })) << "no first picture";
+  EXPECT_EQ(maps->mapImage()->width(), 800u);
+  EXPECT_EQ(maps->mapImage()->height(), 600u);
+  EXPECT_GE(app_->count(kResolutions), 1u);
+  const auto resolutions = maps->availableResolutions();
+  ASSERT_TRUE(resolutions.has_value());
+  EXPECT_EQ(resolutions->size(), 3u);
+  const auto first = maps->mapImage();
+
+  // Once the event channel is up, each update brings a new picture.
+  ASSERT_TRUE(waitFor([&] { return server_->eventClientCount() == 1; }));
+  const auto imagesBefore = app_->count(kImage);
+  server_->tick();
+  ASSERT_TRUE(waitFor([&] { return app_->count(kImage) > imagesBefore; })) << "the push brought nothing";
+  EXPECT_FALSE(*maps->mapImage() == *first) << "the plane moved";
+
+  // Another resolution takes effect with the next update.
+  maps->setCurrentResolutionWithCGSize({400, 300});
+  server_->tick();
+  ASSERT_TRUE(waitFor([&] { return maps->mapImage()->width() == 400u; }));
+  EXPECT_EQ(maps->mapImage()->height(), 300u);
+  EXPECT_EQ(app_->count(kError), 0u);
+}
+
+TEST_F(EndToEndTest, ADroppedEventChannelReportsNoDataAndTheMapComesBack) {
+  cabinsim::ServerOptions options;
+  options.faults.dropEventsEverySeconds = 1.5;
+  startServer(options);
+  auto maps = startService();
+  ASSERT_TRUE(waitFor([&] { return maps->mapImage() != nullptr; }));
+
+  ASSERT_TRUE(waitFor([&] { return app_->count(kError) >= 1; })) << "the drop went unnoticed";
+  EXPECT_EQ(maps->mapImage(), nullptr) << "no stale map once the data is gone";
+  EXPECT_FALSE(maps->availableResolutions().has_value());
+
+  // Reconnecting reloads the list; the next update brings the picture back.
+  ASSERT_TRUE(waitFor([&] { return maps->availableResolutions().has_value(); }));
+  ASSERT_TRUE(waitFor([&] { return server_->eventClientCount() == 1; }));
+  server_->tick();
+  ASSERT_TRUE(waitFor([&] { return maps->mapImage() != nullptr; }));
+}
+
+TEST_F(EndToEndTest, RestFailuresAreRetriedBeforeTheyCount) {
+  cabinsim::ServerOptions options;
+  options.faults.failRest = 2;
+  startServer(options);
+  auto maps = startService();
+  ASSERT_TRUE(waitFor([&] { return maps->mapImage() != nullptr; }));
+  EXPECT_EQ(app_->count(kError), 0u) << "two failures are within the retries";
+}
+
+TEST_F(EndToEndTest, AFailedImageIsRetriedAfterFiveSecondsWhileConnected) {
+  cabinsim::ServerOptions options;
+  options.faults.failImages = 1;
+  startServer(options);
+  auto maps = startService(std::nullopt, /*start=*/false);
+  ASSERT_TRUE(waitFor([&] { return server_->eventClientCount() == 1 && maps->availableResolutions(); }));
+
+  const auto started = std::chrono::steady_clock::now();
+  maps->start();
+  ASSERT_TRUE(waitFor([&] { return maps->mapImage() != nullptr; }, 20s));
+  EXPECT_GE(std::chrono::steady_clock::now() - started, 5s);
+  EXPECT_EQ(logCount("Retrying..."), 1u);
+}
+
+TEST_F(EndToEndTest, MalformedEventsChangeNothing) {
+  cabinsim::ServerOptions options;
+  options.faults.malformedEventsEvery = 1;  // every push, each kind in turn
+  startServer(options);
+  auto maps = startService();
+  ASSERT_TRUE(waitFor([&] { return maps->mapImage() != nullptr && server_->eventClientCount() == 1; }));
+  // The connection causes a second load; let it settle first.
+  ASSERT_TRUE(waitFor([&] { return logCount("processRestResponse:] called.") >= 2; }));
+  RunLoop::current().runPending();
+  const auto picture = maps->mapImage();
+  const auto received = app_->received.size();
+
+  constexpr int kKinds = 5;
+  for (int i = 0; i < kKinds; ++i) server_->tick();
+  ASSERT_TRUE(waitFor([&] {
+    return logCount("Dropped") + logCount("receivedMapsdataEvent:] called.") >= std::size_t(kKinds);
+  })) << "not every malformed event arrived";
+  RunLoop::current().runPending();
+  EXPECT_EQ(app_->received.size(), received) << "the application heard of a malformed event";
+  EXPECT_EQ(maps->mapImage(), picture);
+  EXPECT_TRUE(maps->availableResolutions().has_value());
+}
+
+TEST_F(EndToEndTest, AnUntrustedServerGivesNoDataAtAll) {
+  // Trust only the CA of another simulator.
+  boost::asio::io_context other;
+  cabinsim::Server stranger(other, {});
+  stranger.start();
+  const std::string strangerCA = stranger.trustAnchorPem();
+  stranger.stop();
+
+  startServer({}, strangerCA);
+  auto maps = startService();
+  ASSERT_TRUE(waitFor([&] { return app_->count(kError) >= 1; })) << "the failed load was not reported";
+  EXPECT_EQ(app_->count(kResolutions), 0u);
+  EXPECT_EQ(maps->mapImage(), nullptr);
+  EXPECT_FALSE(maps->availableResolutions().has_value());
+}
+
+TEST_F(EndToEndTest, AnImageFromAForeignHostIsRefused) {
+  cabinsim::ServerOptions options;
+  options.faults.imageHost = "https://elsewhere.example:8443";
+  startServer(options);
+  auto maps = startService();
+  ASSERT_TRUE(waitFor([&] { return logCount("elsewhere.example") > 0 && logCount("requestDidFail:withError:] called.") > 0; }));
+  EXPECT_TRUE(maps->availableResolutions().has_value()) << "the list itself is fine";
+  EXPECT_EQ(maps->mapImage(), nullptr);
+}
+
+}  // namespace
+}  // namespace qel
