@@ -133,6 +133,23 @@ TEST_F(HttpsRequestTransportTests, ServerCertifiedByAnotherAuthorityIsRefused) {
   EXPECT_TRUE(impostor.requestTargets().empty());
 }
 
+TEST_F(HttpsRequestTransportTests, ANewAuthorityWrittenToTheSameCAFileIsTrusted) {
+  useTransport();
+  image("/maps/1.png");
+  ASSERT_TRUE(waitForCalls(1));
+
+  // As when a cabin server restarts with a fresh throw-away CA at the same path.
+  const auto renewed = TestCertificate::authority("Renewed CA");
+  TestServer restarted(loop().context(), TestCertificate::issue(renewed, {"localhost"}, {"127.0.0.1"}));
+  restarted.setHandler([](const TestServer::Request&) { return TestServer::Response{200, "renewed"}; });
+  caFile_.rewrite(renewed.certificatePem());
+  configure("127.0.0.1", restarted.port(), caFile_.path());
+  image("/maps/1.png");
+  ASSERT_TRUE(waitForCalls(2));
+  ASSERT_TRUE(delegate_->errors.empty()) << delegate_->errors.front().localizedDescription;
+  EXPECT_EQ(delegate_->bodies.back(), "renewed");
+}
+
 TEST_F(HttpsRequestTransportTests, CertificateMustNameTheHostAskedFor) {
   TestServer misnamed(loop().context(), TestCertificate::issue(authority_, {"cabin.example"}, {"10.0.0.1"}));
   const std::string port = std::to_string(misnamed.port());

@@ -118,6 +118,14 @@ TemporaryFile::TemporaryFile(const std::string& contents) {
   check(written == static_cast<ssize_t>(contents.size()), "writing the temporary file");
 }
 
+void TemporaryFile::rewrite(const std::string& contents) {
+  std::FILE* file = std::fopen(path_.c_str(), "wb");
+  check(file != nullptr, "rewriting the temporary file");
+  const auto written = std::fwrite(contents.data(), 1, contents.size(), file);
+  std::fclose(file);
+  check(written == contents.size(), "rewriting the temporary file");
+}
+
 TemporaryFile::~TemporaryFile() { std::remove(path_.c_str()); }
 
 }  // namespace qel::core::net::testing

@@ -37,6 +37,7 @@ class TemporaryFile {
   TemporaryFile(const TemporaryFile&) = delete;
   TemporaryFile& operator=(const TemporaryFile&) = delete;
   const std::string& path() const { return path_; }
+  void rewrite(const std::string& contents);
 
  private:
   std::string path_;

@@ -7,13 +7,33 @@
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 
+#include <fstream>
+#include <iterator>
+
 namespace qel::core::net {
 namespace ssl = boost::asio::ssl;
 
 namespace {
 
-struct CachedContext {
+// Which trust a context was built from: the CA file's contents (a tool may
+// write a new CA to the same path between runs), or the system's store.
+struct TrustSource {
   std::optional<std::string> caFile;
+  std::string contents;
+  bool operator==(const TrustSource&) const = default;
+
+  static TrustSource of(const std::optional<std::string>& caFile) {
+    TrustSource source;
+    if (!caFile || caFile->empty()) return source;
+    source.caFile = caFile;
+    std::ifstream file(*caFile, std::ios::binary);
+    source.contents.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    return source;
+  }
+};
+
+struct CachedContext {
+  TrustSource source;
   std::shared_ptr<ssl::context> context;
 };
 
@@ -29,7 +49,8 @@ std::shared_ptr<ssl::context> TlsContext::forCaFile(const std::optional<std::str
   // Loading the system store parses hundreds of certificates; every request
   // of a session uses the same trust, so keep the last context.
   thread_local CachedContext cache;
-  if (cache.context && cache.caFile == caFile) return cache.context;
+  const TrustSource source = TrustSource::of(caFile);
+  if (cache.context && cache.source == source) return cache.context;
 
   auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
   context->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3 |
@@ -49,7 +70,7 @@ std::shared_ptr<ssl::context> TlsContext::forCaFile(const std::optional<std::str
       return nullptr;
     }
   }
-  cache = CachedContext{caFile, context};
+  cache = CachedContext{source, context};
   return context;
 }
 

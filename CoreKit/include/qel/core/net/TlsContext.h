@@ -30,9 +30,9 @@ using TlsStream = boost::beast::ssl_stream<boost::beast::tcp_stream>;
 //   TlsContext::prepare(stream, "cabin.local", &why);
 class TlsContext {
  public:
-  // A verifying client context for `caFile` (empty: the system's store);
-  // the last one built is reused. Empty, with `error` set, when the trust
-  // store cannot be loaded.
+  // A verifying client context for `caFile` (empty: the system's store).
+  // The last one built is reused while the CA file's contents stay the
+  // same. Empty, with `error` set, when the trust store cannot be loaded.
   static std::shared_ptr<boost::asio::ssl::context> forCaFile(const std::optional<std::string>& caFile,
                                                               std::string* error);
 
