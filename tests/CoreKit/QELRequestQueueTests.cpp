@@ -1,3 +1,4 @@
+#include <qel/core/QELHostname.h>
 #include <qel/core/QELRequestQueue.h>
 #include <qel/core/testing/ScriptedTransports.h>
 
