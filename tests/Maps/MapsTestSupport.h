@@ -3,6 +3,7 @@
 // Shared fixtures for the framework's tests: scripted transports, a manual
 // clock, captured logs, notification recording and real PNG bytes.
 
+#include <qel/Image.h>
 #include <qel/NotificationCenter.h>
 #include <qel/Object.h>
 #include <qel/RunLoop.h>
@@ -12,8 +13,8 @@
 
 #include <boost/json.hpp>
 #include <gtest/gtest.h>
-#include <spng.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -49,9 +50,8 @@ class NotificationRecorder : public Object {
     return result;
   }
   std::size_t count(std::string_view name) const {
-    std::size_t n = 0;
-    for (const auto& entry : entries) n += entry.name == name;
-    return n;
+    const auto all = names();
+    return static_cast<std::size_t>(std::count(all.begin(), all.end(), name));
   }
   void clear() { entries.clear(); }
 
@@ -86,21 +86,7 @@ inline boost::json::object updateInfo(const boost::json::array& images) {
 inline std::vector<std::uint8_t> pngBytes(std::uint32_t width, std::uint32_t height, std::uint8_t seed) {
   std::vector<std::uint8_t> rgba(std::size_t(width) * height * 4);
   for (std::size_t i = 0; i < rgba.size(); ++i) rgba[i] = static_cast<std::uint8_t>(i * 7 + seed * 31);
-  spng_ctx* ctx = spng_ctx_new(SPNG_CTX_ENCODER);
-  spng_set_option(ctx, SPNG_ENCODE_TO_BUFFER, 1);
-  spng_ihdr ihdr{};
-  ihdr.width = width;
-  ihdr.height = height;
-  ihdr.bit_depth = 8;
-  ihdr.color_type = SPNG_COLOR_TYPE_TRUECOLOR_ALPHA;
-  spng_set_ihdr(ctx, &ihdr);
-  int error = spng_encode_image(ctx, rgba.data(), rgba.size(), SPNG_FMT_PNG, SPNG_ENCODE_FINALIZE);
-  std::size_t size = 0;
-  auto* buffer = static_cast<std::uint8_t*>(spng_get_png_buffer(ctx, &size, &error));
-  std::vector<std::uint8_t> png(buffer, buffer + size);
-  ::free(buffer);
-  spng_ctx_free(ctx);
-  return png;
+  return Image::fromRGBA(width, height, std::move(rgba))->pngRepresentation();
 }
 
 // Base fixture: scripted network, manual clock, captured logs, the cabin host
