@@ -14,3 +14,12 @@ for preset in $presets; do
   cmake --build --preset "$preset" -j "$jobs"
   ctest --preset "$preset" -j "$jobs"
 done
+
+# Short runs of the fuzzers (clang, sanitizers; builds the libraries and the
+# fuzzers only). QEL_TEST_FUZZ=0 skips them.
+if [ "${QEL_TEST_FUZZ:-1}" != 0 ]; then
+  echo "== fuzz"
+  cmake --preset fuzz >/dev/null
+  cmake --build --preset fuzz -j "$jobs"
+  ctest --preset fuzz -j "$jobs"
+fi
