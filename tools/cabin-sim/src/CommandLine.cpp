@@ -80,6 +80,7 @@ Options:
   --host HOST            address to bind, also put in the certificate (default 127.0.0.1)
   --port PORT            port to bind, 0 for any free port (default 0)
   --ca-out FILE          write the CA certificate (PEM) that clients must trust here
+                         (with --cert: the last certificate of that chain)
   --cert FILE --key FILE serve this certificate chain and key (PEM) instead of a
                          throw-away CA and certificate made at start
   --interval SECONDS     time between map updates, fractions allowed (default 5)

@@ -1,11 +1,14 @@
 #include "cabinsim/MapRenderer.h"
 
 #include <cairo.h>
+#include <fontconfig/fontconfig.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <stdexcept>
 
@@ -397,6 +400,29 @@ void drawInfoBox(cairo_t* cr, const Projection& p, const MapScene& s, double uni
   cairo_show_text(cr, sequence.c_str());
 }
 
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define CABINSIM_LEAK_CHECKED 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define CABINSIM_LEAK_CHECKED 1
+#endif
+
+// Cairo and fontconfig keep font caches for the life of the process. Under
+// the leak checker, hand them back at exit so that only our own leaks show.
+void releaseFontCachesAtExit() {
+#ifdef CABINSIM_LEAK_CHECKED
+  static std::once_flag once;
+  std::call_once(once, [] {
+    std::atexit([] {
+      cairo_debug_reset_static_data();
+      FcFini();
+    });
+  });
+#endif
+}
+
 cairo_status_t appendToString(void* closure, const unsigned char* data, unsigned int length) {
   static_cast<std::string*>(closure)->append(reinterpret_cast<const char*>(data), length);
   return CAIRO_STATUS_SUCCESS;
@@ -405,7 +431,9 @@ cairo_status_t appendToString(void* closure, const unsigned char* data, unsigned
 }  // namespace
 
 MapRenderer::MapRenderer()
-    : land_(makeLand({Flight::defaultOrigin().position, Flight::defaultDestination().position})) {}
+    : land_(makeLand({Flight::defaultOrigin().position, Flight::defaultDestination().position})) {
+  releaseFontCachesAtExit();
+}
 
 std::string MapRenderer::renderPng(const MapScene& scene, int width, int height) const {
   if (width <= 0 || height <= 0 || width > 8192 || height > 8192) {

@@ -54,6 +54,7 @@ constexpr double kSimulatedSecondsPerTick = 240;
 // updates behind still gets the picture it was told about.
 constexpr std::uint64_t kKeptSequences = 12;
 constexpr std::size_t kMaxRequestBodyBytes = 64 * 1024;
+constexpr std::size_t kMaxQueuedFrames = 32;
 constexpr auto kHandshakeTimeout = 10s;
 constexpr auto kIdleTimeout = 60s;
 constexpr auto kWriteTimeout = 30s;
@@ -115,6 +116,7 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   asio::steady_timer tickTimer;
   asio::steady_timer dropTimer;
   std::chrono::steady_clock::time_point nextTick;
+  std::chrono::steady_clock::duration lastRenderDuration{};
   std::uint16_t port = 0;
   bool running = false;
 
@@ -128,6 +130,7 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   std::uint64_t imageRequests = 0;
   std::uint64_t pushes = 0;
   std::uint64_t malformedSent = 0;
+  bool warnedSlowRendering = false;
 
   // Live sessions, so stop() can close them; each removes itself when it is
   // destroyed (everything runs on one thread).
@@ -192,6 +195,13 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
 
   void send(std::shared_ptr<const std::string> frame) {
     if (closing_) {
+      return;
+    }
+    if (queue_.size() >= kMaxQueuedFrames) {
+      // A client that stopped reading must not make the server hoard frames.
+      logLine("event client is not reading, dropping its connection");
+      closing_ = true;
+      beast::get_lowest_layer(ws_).close();
       return;
     }
     queue_.push_back({std::move(frame), false});
@@ -592,10 +602,12 @@ void Server::State::onAccept(beast::error_code ec, tcp::socket socket) {
 void Server::State::scheduleTick() {
   nextTick += std::chrono::duration_cast<std::chrono::steady_clock::duration>(
       std::chrono::duration<double>(options.intervalSeconds));
-  // After a stall, carry on from now rather than firing a burst of ticks.
-  const auto now = std::chrono::steady_clock::now();
-  if (nextTick < now) {
-    nextTick = now;
+  // Rendering blocks the loop. When it is slower than the interval, leave the
+  // connections at least as much time as the rendering took: back-to-back
+  // updates would starve every handshake and download.
+  const auto earliest = std::chrono::steady_clock::now() + lastRenderDuration;
+  if (nextTick < earliest) {
+    nextTick = earliest;
   }
   tickTimer.expires_at(nextTick);
   tickTimer.async_wait(beast::bind_front_handler(&State::onTick, shared_from_this()));
@@ -671,10 +683,15 @@ void Server::State::advance(bool push) {
     logLine(std::string("rendering failed, keeping the previous maps: ") + e.what());
     return;
   }
-  const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+  lastRenderDuration = std::chrono::steady_clock::now() - started;
+  const double ms = std::chrono::duration<double, std::milli>(lastRenderDuration).count();
   char timing[32];
   std::snprintf(timing, sizeof timing, "%.1f", ms);
   logLine("update " + std::to_string(sequence) + " rendered in " + timing + " ms");
+  if (ms > options.intervalSeconds * 1000 && !warnedSlowRendering) {
+    warnedSlowRendering = true;
+    logLine("rendering takes longer than the interval: updates come as often as the loop allows");
+  }
   if (!push) {
     return;
   }
@@ -765,6 +782,15 @@ std::uint16_t Server::start() {
 void Server::stop() { state_->stop(); }
 
 void Server::tick() { state_->advance(true); }
+
+void Server::setFaults(FaultOptions faults) {
+  State& s = *state_;
+  s.options.faults = std::move(faults);
+  s.dropTimer.cancel();
+  if (s.running && s.options.faults.dropEventsEverySeconds > 0) {
+    s.scheduleDrop();
+  }
+}
 
 std::uint16_t Server::port() const { return state_->port; }
 

@@ -76,6 +76,10 @@ class Server {
   // The periodic ticks continue on their own schedule.
   void tick();
 
+  // Replaces the fault options from now on (a soak ends its faults this
+  // way); the drop timer follows the new period.
+  void setFaults(FaultOptions faults);
+
   std::uint16_t port() const;
   // PEM of what a client has to trust to connect.
   const std::string& trustAnchorPem() const;
