@@ -54,7 +54,7 @@ def main(paths):
             args = dict(re.findall(r"(\w+):(\d+)", name))
             floor = floor.format(**args)
             if floor in found:
-                ratio = f"{cpu / found[floor][0]:.2f}x"
+                ratio = f"{cpu / found[floor][0]:.3g}x"
         print(f"| {name} | {pretty(cpu)} | {pretty(wall)} | {floor or '(floor)'} | {ratio} |")
 
 
