@@ -1,0 +1,248 @@
+// Fault soak: the simulator in this process misbehaves in every way it can
+// (event connections dropped, map data and image requests failing, malformed
+// events, slow images) while a few services receive updates every 0.2-0.5 s.
+// After the given time the faults stop and one more update goes out: every
+// service must then show exactly the picture the server serves for its
+// resolution, and the last news it gave its application must be that picture.
+// Leaks are for the sanitizer build or valgrind to find at exit.
+//
+//   qelmaps_soak [--seconds N] [--verbose]
+//
+// Exit status 0 when every service ended with the latest map.
+
+#include <QELMaps/QELMaps.h>
+
+#include <cabinsim/Server.h>
+
+#include <qel/core/QELLogging.h>
+#include <qel/core/QELRequest.h>
+#include <qel/core/QELRequestQueue.h>
+
+#include <boost/json/parse.hpp>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::vector<cabinsim::Resolution> kResolutions = {{320, 240}, {240, 180}, {160, 120}};
+
+// One service and what its application was told.
+class Receiver : public qel::Object {
+ public:
+  Receiver(std::string name, std::optional<qel::CGSize> resolution) : name_(std::move(name)), resolution_(resolution) {
+    maps_ = qel::QELBroadcastMapsV1::create();
+    if (!maps_) return;
+    if (resolution_) maps_->setCurrentResolutionWithCGSize(*resolution_);
+  }
+
+  void start() {
+    qel::NotificationCenter::defaultCenter().addObserver(
+        shared_from_this(), [this](const qel::Notification& n) { onNotification(n); }, {}, maps_);
+    maps_->start();
+  }
+  void stop() {
+    qel::NotificationCenter::defaultCenter().removeObserver(this);
+    maps_->stop();
+  }
+
+  // The size the server lists for this service's choice; without a choice,
+  // the first one listed.
+  cabinsim::Resolution expectedResolution() const {
+    if (!resolution_) return kResolutions.front();
+    return {static_cast<int>(resolution_->width), static_cast<int>(resolution_->height)};
+  }
+
+  const std::string& name() const { return name_; }
+  const std::shared_ptr<qel::QELBroadcastMapsV1>& maps() const { return maps_; }
+  std::string lastNotification;
+  std::uint64_t pictures = 0;
+  std::uint64_t errors = 0;
+  std::uint64_t wrongSizes = 0;
+
+ private:
+  void onNotification(const qel::Notification& n) {
+    lastNotification = n.name();
+    if (n.name() == qel::QELBroadcastMapsErrorNotification) ++errors;
+    if (n.name() != qel::QELBroadcastMapsImageDidChangeNotification) return;
+    const auto image = maps_->mapImage();
+    if (!image) return;
+    ++pictures;
+    const auto expected = expectedResolution();
+    if (image->width() != std::size_t(expected.width) || image->height() != std::size_t(expected.height)) {
+      ++wrongSizes;
+    }
+  }
+
+  std::string name_;
+  std::optional<qel::CGSize> resolution_;
+  std::shared_ptr<qel::QELBroadcastMapsV1> maps_;
+};
+
+// Fetches and decodes what the server serves at `path`, for the reference
+// picture.
+class Fetcher : public qel::core::QELRequestDelegate {
+ public:
+  std::shared_ptr<const qel::Image> image;
+  bool done = false;
+  void requestDidFinish(const std::shared_ptr<qel::core::QELRequest>&, const qel::Data& data) override {
+    image = qel::Image::fromData(data);
+    done = true;
+  }
+  void requestDidFail(const std::shared_ptr<qel::core::QELRequest>&, const qel::Error&) override { done = true; }
+};
+
+std::shared_ptr<const qel::Image> fetch(const std::string& path) {
+  auto queue = qel::core::QELRequestQueue::create();
+  auto fetcher = std::make_shared<Fetcher>();
+  queue->addRequest(qel::core::QELImageDownloadRequest::initWithImageURL(path, fetcher));
+  qel::RunLoop::current().runUntil([&] { return fetcher->done; }, 30s);
+  return fetcher->image;
+}
+
+std::string sourceFor(const std::string& flightMapJson, const cabinsim::Resolution& r) {
+  const auto body = boost::json::parse(flightMapJson);
+  for (const auto& entry : body.at("images").as_array()) {
+    if (entry.at("width").to_number<int>() == r.width && entry.at("height").to_number<int>() == r.height) {
+      return std::string(entry.at("src").as_string());
+    }
+  }
+  return {};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  double seconds = 25;
+  bool verbose = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string flag = argv[i];
+    if (flag == "--seconds" && i + 1 < argc) {
+      seconds = std::atof(argv[++i]);
+    } else if (flag == "--verbose") {
+      verbose = true;
+    } else {
+      std::fprintf(stderr, "usage: qelmaps_soak [--seconds N] [--verbose]\n");
+      return 2;
+    }
+  }
+  if (!verbose) {
+    // The simulator and the framework log every request; a soak makes tens of
+    // thousands. The verdict goes to stdout.
+    qel::core::QELLogging::setThreshold(1);
+    const int devNull = ::open("/dev/null", O_WRONLY);
+    ::dup2(devNull, 2);
+    ::close(devNull);
+  }
+  auto& loop = qel::RunLoop::current();
+  const auto directory = std::filesystem::temp_directory_path() / ("qelmaps-soak-" + std::to_string(::getpid()));
+  int failures = 0;
+  {
+    cabinsim::ServerOptions options;
+    options.intervalSeconds = 3600;  // the soak ticks, at irregular times
+    options.resolutions = kResolutions;
+    options.faults.dropEventsEverySeconds = 10;
+    options.faults.failRestRate = 0.3;
+    options.faults.failImagesRate = 0.25;
+    options.faults.malformedEventsEvery = 7;
+    options.faults.delayImagesMs = 150;
+    cabinsim::Server server(loop.context(), options);
+    const auto port = server.start();
+    std::filesystem::create_directories(directory);
+    std::ofstream(directory / "ca.pem") << server.trustAnchorPem();
+    qel::core::QELConfiguration configuration;
+    configuration.host = "127.0.0.1";
+    configuration.port = port;
+    configuration.caFile = (directory / "ca.pem").string();
+    configuration.logThreshold = verbose ? 4 : 1;
+    qel::core::QELConfiguration::set(configuration);
+
+    std::vector<std::shared_ptr<Receiver>> receivers = {
+        std::make_shared<Receiver>("first listed", std::nullopt),
+        std::make_shared<Receiver>("240x180", qel::CGSize{240, 180}),
+        std::make_shared<Receiver>("160x120", qel::CGSize{160, 120}),
+    };
+    for (auto& r : receivers) {
+      if (!r->maps()) {
+        std::printf("FAIL: the service could not be made\n");
+        return 1;
+      }
+      r->start();
+    }
+
+    std::mt19937 random(11);
+    std::uniform_int_distribution<int> gapMs(200, 500);
+    std::shared_ptr<qel::ScheduledCall> nextTick;
+    std::function<void()> tick = [&] {
+      server.tick();
+      nextTick = loop.schedule(std::chrono::milliseconds(gapMs(random)), tick);
+    };
+    nextTick = loop.schedule(std::chrono::milliseconds(gapMs(random)), tick);
+    loop.runFor(std::chrono::duration_cast<qel::RunLoop::Duration>(std::chrono::duration<double>(seconds)));
+    nextTick->cancel();
+    const auto soakUpdates = server.sequence();
+
+    // The faults end. Once the event channel is back (its backoff may have
+    // grown to half a minute) and whatever was in flight has landed, one more
+    // update goes out.
+    server.setFaults({});
+    if (!loop.runUntil([&] { return server.eventClientCount() >= 1; }, 60s)) {
+      std::printf("FAIL: the event channel did not come back\n");
+      ++failures;
+    }
+    loop.runFor(1s);
+    for (auto& r : receivers) r->lastNotification.clear();
+    server.tick();
+    std::vector<std::shared_ptr<const qel::Image>> expected;
+    for (auto& r : receivers) {
+      expected.push_back(fetch(sourceFor(server.flightMapJson(), r->expectedResolution())));
+      if (!expected.back()) {
+        std::printf("FAIL: the reference picture for %s could not be fetched\n", r->name().c_str());
+        return 1;
+      }
+    }
+    for (std::size_t i = 0; i < receivers.size(); ++i) {
+      auto& r = *receivers[i];
+      const bool latest = loop.runUntil(
+          [&] {
+            const auto shown = r.maps()->mapImage();
+            return shown && *shown == *expected[i] &&
+                   r.lastNotification == qel::QELBroadcastMapsImageDidChangeNotification;
+          },
+          30s);
+      std::printf("%-14s %s: %llu pictures, %llu no-data reports during %llu updates\n", r.name().c_str(),
+                  latest ? "ends with the latest map" : "FAIL: does not end with the latest map",
+                  static_cast<unsigned long long>(r.pictures), static_cast<unsigned long long>(r.errors),
+                  static_cast<unsigned long long>(soakUpdates));
+      if (!latest) ++failures;
+      if (r.wrongSizes > 0) {
+        std::printf("FAIL: %s was shown %llu pictures of another size\n", r.name().c_str(),
+                    static_cast<unsigned long long>(r.wrongSizes));
+        ++failures;
+      }
+    }
+
+    for (auto& r : receivers) r->stop();
+    receivers.clear();
+    server.stop();
+    loop.runFor(500ms);
+  }
+  qel::core::QELConfiguration::set({});
+  std::filesystem::remove_all(directory);
+  std::printf("%s\n", failures == 0 ? "soak passed" : "soak FAILED");
+  return failures == 0 ? 0 : 1;
+}
