@@ -12,17 +12,12 @@ namespace qel::test {
 // previous test left queued or a clock it switched leaks into this one.
 template <class Body>
 void onFreshLoop(Body&& body) {
-  std::thread thread([&] { body(RunLoop::current()); });
-  thread.join();
+  std::thread([&] { body(RunLoop::current()); }).join();
 }
 
 // The smallest Object there is.
-class Thing : public Object {
- public:
-  static std::shared_ptr<Thing> create() { return std::shared_ptr<Thing>(new Thing); }
+struct Thing : Object {};
 
- protected:
-  Thing() = default;
-};
+inline std::shared_ptr<Thing> thing() { return std::make_shared<Thing>(); }
 
 }  // namespace qel::test
