@@ -1,0 +1,156 @@
+// Push to pixels: how long after the cabin server sends an update the
+// application holds the decoded new map, against the best the transport could
+// do (one GET of the same picture on a warm connection, plus its decode) and
+// against polling, in one run.
+//
+// The simulator runs in this process on the same run loop, over loopback with
+// real TLS. Its rendering happens inside tick(), before the send; the clock
+// starts when tick() has returned, with the event frame handed to the socket.
+// The server's side of each download (TLS, writing the PNG) shares the one
+// thread with the client, in all three measurements alike.
+//
+//   push_to_pixels [--updates N] [--poll-updates N] [--verbose]
+
+#include "LoopbackCabin.h"
+
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <stdexcept>
+
+using namespace qelbench;
+
+namespace {
+
+constexpr const char* kResolution = "1024x768";
+
+struct Options {
+  int updates = 200;
+  int pollUpdates = 100;
+  bool verbose = false;
+};
+
+Options parse(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string flag = argv[i];
+    if (flag == "--verbose") {
+      options.verbose = true;
+    } else if (flag == "--updates" && i + 1 < argc) {
+      options.updates = std::atoi(argv[++i]);
+    } else if (flag == "--poll-updates" && i + 1 < argc) {
+      options.pollUpdates = std::atoi(argv[++i]);
+    } else {
+      std::fprintf(stderr, "usage: push_to_pixels [--updates N] [--poll-updates N] [--verbose]\n");
+      std::exit(2);
+    }
+  }
+  return options;
+}
+
+void require(bool condition, const char* what) {
+  if (!condition) {
+    std::printf("push_to_pixels: %s\n", what);
+    std::exit(1);
+  }
+}
+
+void print(const char* name, const Summary& s) {
+  std::printf("%-40s n=%4zu  median %8.2f ms  p99 %8.2f ms  mean %8.2f ms\n", name, s.count, s.median, s.p99,
+              s.mean);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Options options = parse(argc, argv);
+  if (!options.verbose) silenceStderr();
+  auto& loop = qel::RunLoop::current();
+  LoopbackCabin cabin({{1024, 768}, {800, 600}, {400, 300}}, options.verbose ? 4 : 1);
+  auto& server = cabin.server();
+
+  auto maps = qel::QELBroadcastMapsV1::create();
+  require(maps != nullptr, "no service");
+  maps->setCurrentResolutionWithCGSize({1024, 768});
+  auto watcher = ImageWatcher::watch(maps);
+  maps->start();
+  require(loop.runUntil([&] { return watcher->pictures >= 1 && server.eventClientCount() == 1; }, 30s),
+          "the service never got its first picture over a connected event channel");
+  loop.runFor(200ms);  // the connect's own reload settles
+
+  // Push, and the floor right after it on the connection the push left warm.
+  constexpr int kWarmUp = 5;
+  std::vector<double> push;
+  std::vector<double> floor;
+  Getter getter;
+  for (int i = 0; i < options.updates + kWarmUp; ++i) {
+    const auto before = watcher->pictures;
+    server.tick();
+    const auto sent = Clock::now();
+    require(loop.runUntil([&] { return watcher->pictures > before; }, 10s), "a pushed update brought no picture");
+    if (i >= kWarmUp) push.push_back(millisecondsBetween(sent, watcher->lastPictureAt));
+    loop.runPending();
+
+    std::shared_ptr<const qel::Image> fetched;
+    bool done = false;
+    const auto started = Clock::now();
+    Clock::time_point decoded;
+    getter.get(cabin.currentSource(kResolution), [&](std::optional<qel::Data> png) {
+      if (png) fetched = qel::Image::fromData(*png);
+      decoded = Clock::now();
+      done = true;
+    });
+    require(loop.runUntil([&] { return done; }, 10s) && fetched, "the floor's GET failed");
+    require(*fetched == *maps->mapImage(), "the service shows another picture than the server serves");
+    if (i >= kWarmUp) floor.push_back(millisecondsBetween(started, decoded));
+    loop.runPending();
+  }
+
+  // Polling: the service stands down; updates come at random moments, one to
+  // two seconds apart, so each lands at a random phase of the 1 s poll.
+  maps->stop();
+  maps.reset();
+  // By sequence number, the last path component of the image source.
+  auto sequenceOf = [](const std::string& source) {
+    const auto slash = source.rfind('/');
+    return std::strtoull(source.c_str() + (slash == std::string::npos ? 0 : slash + 1), nullptr, 10);
+  };
+  std::map<std::uint64_t, Clock::time_point> sentAt;
+  std::vector<double> polled;
+  std::size_t missed = 0;
+  PollingClient poller(kResolution, 1s, [&](const std::string& source, std::shared_ptr<const qel::Image>) {
+    const auto found = sentAt.find(sequenceOf(source));
+    if (found == sentAt.end()) return;  // the picture from before the first update
+    polled.push_back(millisecondsBetween(found->second, Clock::now()));
+    missed += static_cast<std::size_t>(std::distance(sentAt.begin(), found));
+    sentAt.erase(sentAt.begin(), std::next(found));
+  });
+  std::mt19937 random(7);
+  std::uniform_int_distribution<int> gapMs(1000, 2000);
+  std::shared_ptr<qel::ScheduledCall> nextTick;
+  std::function<void()> tickLater = [&] {
+    server.tick();
+    sentAt[server.sequence()] = Clock::now();
+    nextTick = loop.schedule(std::chrono::milliseconds(gapMs(random)), tickLater);
+  };
+  poller.start();
+  nextTick = loop.schedule(std::chrono::milliseconds(gapMs(random)), tickLater);
+  require(loop.runUntil([&] { return polled.size() >= static_cast<std::size_t>(options.pollUpdates); },
+                        std::chrono::seconds(5 * options.pollUpdates + 30)),
+          "the polling client fell behind");
+  nextTick->cancel();
+  poller.stop();
+
+  const auto p = Summary::of(push);
+  const auto f = Summary::of(floor);
+  const auto b = Summary::of(polled);
+  std::printf("push to pixels, %s PNG, simulator in-process on loopback (TLS)\n", kResolution);
+  print("push (event -> picture)", p);
+  print("floor (warm GET + decode)", f);
+  print("polling every 1 s (update -> picture)", b);
+  std::printf("polling updates missed (superseded before a poll saw them): %zu\n", missed);
+  std::printf("ratio push/floor:   median %6.2f  p99 %6.2f\n", p.median / f.median, p.p99 / f.p99);
+  std::printf("ratio polling/push: median %6.1f  p99 %6.1f\n", b.median / p.median, b.p99 / p.p99);
+  std::printf("ratio polling/floor: median %6.1f\n", b.median / f.median);
+  return 0;
+}
