@@ -592,6 +592,11 @@ void Server::State::onAccept(beast::error_code ec, tcp::socket socket) {
       return;
     }
   } else {
+    // An answer leaves in several writes (TLS records of at most 16 KB);
+    // with Nagle's algorithm the last, short one waits for the client's
+    // delayed acknowledgement: about 40 ms on every pushed update.
+    boost::system::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
     std::make_shared<HttpSession>(std::move(socket), shared_from_this())->run();
   }
   if (running) {
