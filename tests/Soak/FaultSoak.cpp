@@ -126,6 +126,10 @@ std::string sourceFor(const std::string& flightMapJson, const cabinsim::Resoluti
 
 }  // namespace
 
+// The soak silences stderr (see main); sanitizer reports go to stdout instead.
+extern "C" const char* __asan_default_options() { return "log_path=stdout"; }
+extern "C" const char* __ubsan_default_options() { return "log_path=stdout"; }
+
 int main(int argc, char** argv) {
   double seconds = 25;
   bool verbose = false;
