@@ -45,16 +45,20 @@ inline void silenceStderr() {
   }
 }
 
-// The simulator, started on the current run loop with no periodic updates
-// (the benchmark ticks it), and the core kit pointed at it, logging up to
-// `logThreshold`.
+// The simulator with no periodic updates (the benchmark ticks it), and the
+// core kit pointed at it, logging up to `logThreshold`. The server runs on
+// the current run loop, or on `serverContext` when given: then the caller
+// runs that context on a thread of its own and calls the server only there
+// (after start, which happens here).
 class LoopbackCabin {
  public:
-  LoopbackCabin(std::vector<cabinsim::Resolution> resolutions, int logThreshold) {
+  LoopbackCabin(std::vector<cabinsim::Resolution> resolutions, int logThreshold,
+                boost::asio::io_context* serverContext = nullptr) {
     cabinsim::ServerOptions options;
     options.intervalSeconds = 3600;
     options.resolutions = std::move(resolutions);
-    server_ = std::make_unique<cabinsim::Server>(qel::RunLoop::current().context(), options);
+    server_ = std::make_unique<cabinsim::Server>(
+        serverContext ? *serverContext : qel::RunLoop::current().context(), options);
     const auto port = server_->start();
     std::filesystem::create_directories(directory_);
     std::ofstream(directory_ / "ca.pem") << server_->trustAnchorPem();
@@ -66,6 +70,7 @@ class LoopbackCabin {
     configuration.logThreshold = logThreshold;
     qel::core::QELConfiguration::set(configuration);
   }
+  // A server on a context of its own must have been stopped on its thread.
   ~LoopbackCabin() {
     server_->stop();
     qel::RunLoop::current().runFor(100ms);

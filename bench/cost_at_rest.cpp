@@ -140,7 +140,7 @@ int main(int argc, char** argv) {
   const auto started = Clock::now();
   for (int i = early; i < options.updates; ++i) {
     update();
-    if ((i + 1) % 1000 == 0 && options.verbose) {
+    if ((i + 1) % 1000 == 0) {
       const auto m = Memory::now();
       std::printf("  after %5d updates: VmRSS %6ld KiB, heap in use %8zu B\n", i + 1, m.rssKiB, m.heapInUse);
     }

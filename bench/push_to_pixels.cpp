@@ -3,20 +3,25 @@
 // do (one GET of the same picture on a warm connection, plus its decode) and
 // against polling, in one run.
 //
-// The simulator runs in this process on the same run loop, over loopback with
-// real TLS. Its rendering happens inside tick(), before the send; the clock
-// starts when tick() has returned, with the event frame handed to the socket.
-// The server's side of each download (TLS, writing the PNG) shares the one
-// thread with the client, in all three measurements alike.
+// The simulator runs in this process on a thread of its own, over loopback
+// with real TLS. Its rendering happens inside tick(), before the send; the
+// clock starts when tick() has returned, with the event frame handed to the
+// socket. The client side (service, floor, poller) runs on the main thread's
+// run loop.
 //
 //   push_to_pixels [--updates N] [--poll-updates N] [--verbose]
 
 #include "LoopbackCabin.h"
 
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/post.hpp>
+
 #include <cstdlib>
+#include <future>
 #include <map>
 #include <random>
-#include <stdexcept>
+#include <thread>
+#include <type_traits>
 
 using namespace qelbench;
 
@@ -60,22 +65,75 @@ void print(const char* name, const Summary& s) {
               s.mean);
 }
 
+// The server's side: its own io_context on its own thread, as a cabin server
+// is its own machine. Rendering there cannot hold up the client's loop, so a
+// poll that falls due while the server renders is answered with the old data,
+// as it would be in the cabin.
+class ServerThread {
+ public:
+  struct Sent {
+    std::uint64_t sequence = 0;
+    Clock::time_point at;
+    std::string source;  // of the measured resolution
+  };
+
+  explicit ServerThread(int logThreshold)
+      : work_(boost::asio::make_work_guard(context_)),
+        cabin_({{1024, 768}, {800, 600}, {400, 300}}, logThreshold, &context_),
+        thread_([this] { context_.run(); }) {}
+  ~ServerThread() {
+    onServer([this] { cabin_.server().stop(); });
+    work_.reset();
+    thread_.join();
+  }
+
+  // Renders and sends the next update there; `sent` runs on the client's
+  // loop with the moment the event frame was handed to the socket. It is
+  // posted before the server can answer any request for the new data.
+  void tick(std::function<void(const Sent&)> sent) {
+    auto& loop = qel::RunLoop::current();
+    boost::asio::post(context_, [this, &loop, sent = std::move(sent)] {
+      cabin_.server().tick();
+      Sent s{cabin_.server().sequence(), Clock::now(), cabin_.currentSource(kResolution)};
+      loop.post([sent, s] { sent(s); });
+    });
+  }
+
+  std::size_t eventClientCount() {
+    return onServer([this] { return cabin_.server().eventClientCount(); });
+  }
+
+ private:
+  template <class F>
+  std::invoke_result_t<F> onServer(F f) {
+    std::packaged_task<std::invoke_result_t<F>()> task(std::move(f));
+    auto result = task.get_future();
+    boost::asio::post(context_, [&task] { task(); });
+    return result.get();
+  }
+
+  boost::asio::io_context context_;
+  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
+  LoopbackCabin cabin_;
+  std::thread thread_;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const Options options = parse(argc, argv);
   if (!options.verbose) silenceStderr();
   auto& loop = qel::RunLoop::current();
-  LoopbackCabin cabin({{1024, 768}, {800, 600}, {400, 300}}, options.verbose ? 4 : 1);
-  auto& server = cabin.server();
+  ServerThread server(options.verbose ? 4 : 1);
 
   auto maps = qel::QELBroadcastMapsV1::create();
   require(maps != nullptr, "no service");
   maps->setCurrentResolutionWithCGSize({1024, 768});
   auto watcher = ImageWatcher::watch(maps);
   maps->start();
-  require(loop.runUntil([&] { return watcher->pictures >= 1 && server.eventClientCount() == 1; }, 30s),
-          "the service never got its first picture over a connected event channel");
+  require(loop.runUntil([&] { return watcher->pictures >= 1; }, 30s), "the service never got its first picture");
+  for (int i = 0; i < 300 && server.eventClientCount() != 1; ++i) loop.runFor(100ms);
+  require(server.eventClientCount() == 1, "the event channel did not connect");
   loop.runFor(200ms);  // the connect's own reload settles
 
   // Push, and the floor right after it on the connection the push left warm.
@@ -85,17 +143,18 @@ int main(int argc, char** argv) {
   Getter getter;
   for (int i = 0; i < options.updates + kWarmUp; ++i) {
     const auto before = watcher->pictures;
-    server.tick();
-    const auto sent = Clock::now();
-    require(loop.runUntil([&] { return watcher->pictures > before; }, 10s), "a pushed update brought no picture");
-    if (i >= kWarmUp) push.push_back(millisecondsBetween(sent, watcher->lastPictureAt));
+    std::optional<ServerThread::Sent> sent;
+    server.tick([&](const ServerThread::Sent& s) { sent = s; });
+    require(loop.runUntil([&] { return watcher->pictures > before && sent; }, 10s),
+            "a pushed update brought no picture");
+    if (i >= kWarmUp) push.push_back(millisecondsBetween(sent->at, watcher->lastPictureAt));
     loop.runPending();
 
     std::shared_ptr<const qel::Image> fetched;
     bool done = false;
     const auto started = Clock::now();
     Clock::time_point decoded;
-    getter.get(cabin.currentSource(kResolution), [&](std::optional<qel::Data> png) {
+    getter.get(sent->source, [&](std::optional<qel::Data> png) {
       if (png) fetched = qel::Image::fromData(*png);
       decoded = Clock::now();
       done = true;
@@ -129,8 +188,7 @@ int main(int argc, char** argv) {
   std::uniform_int_distribution<int> gapMs(1000, 2000);
   std::shared_ptr<qel::ScheduledCall> nextTick;
   std::function<void()> tickLater = [&] {
-    server.tick();
-    sentAt[server.sequence()] = Clock::now();
+    server.tick([&](const ServerThread::Sent& s) { sentAt[s.sequence] = s.at; });
     nextTick = loop.schedule(std::chrono::milliseconds(gapMs(random)), tickLater);
   };
   poller.start();
@@ -144,7 +202,7 @@ int main(int argc, char** argv) {
   const auto p = Summary::of(push);
   const auto f = Summary::of(floor);
   const auto b = Summary::of(polled);
-  std::printf("push to pixels, %s PNG, simulator in-process on loopback (TLS)\n", kResolution);
+  std::printf("push to pixels, %s PNG, simulator on its own thread, loopback TLS\n", kResolution);
   print("push (event -> picture)", p);
   print("floor (warm GET + decode)", f);
   print("polling every 1 s (update -> picture)", b);
