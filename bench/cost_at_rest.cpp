@@ -68,9 +68,14 @@ struct Usage {
   }
 };
 
+// run() with a scheduled stop, as an application runs its loop: runFor()
+// waits in slices of at most a second (Asio's run_one_until), which would
+// add a wakeup a second of its own.
 Usage idle(std::chrono::seconds duration) {
+  auto& loop = qel::RunLoop::current();
   const auto before = Usage::now();
-  qel::RunLoop::current().runFor(duration);
+  const auto stop = loop.schedule(duration, [&loop] { loop.stop(); });
+  loop.run();
   return Usage::now() - before;
 }
 
