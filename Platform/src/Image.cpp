@@ -20,28 +20,6 @@ bool withinBudget(std::uint64_t width, std::uint64_t height) {
          height <= Image::kMaxPixels / width;
 }
 
-// 64-bit multiply-mix over 8-byte words: cheap next to decoding, and enough
-// to tell most different pictures apart without comparing every pixel.
-std::uint64_t hashPixels(std::size_t width, std::size_t height,
-                         const std::vector<std::uint8_t>& pixels) {
-  constexpr std::uint64_t kMultiplier = 0x9E3779B97F4A7C15ull;
-  std::uint64_t hash = (static_cast<std::uint64_t>(width) << 32) ^ height ^ pixels.size();
-  auto mix = [&](std::uint64_t word) {
-    hash ^= word + kMultiplier + (hash << 6) + (hash >> 2);
-    hash *= kMultiplier;
-    hash ^= hash >> 29;
-  };
-  std::size_t i = 0;
-  for (; i + 8 <= pixels.size(); i += 8) {
-    std::uint64_t word;
-    std::memcpy(&word, pixels.data() + i, 8);
-    mix(word);
-  }
-  std::uint64_t tail = 0;
-  std::memcpy(&tail, pixels.data() + i, pixels.size() - i);
-  mix(tail);
-  return hash;
-}
 
 struct SpngContext {
   spng_ctx* ctx = spng_ctx_new(0);
@@ -70,8 +48,7 @@ bool isJPEG(std::span<const std::uint8_t> data) {
 
 
 Image::Image(std::size_t width, std::size_t height, std::vector<std::uint8_t> rgba)
-    : width_(width), height_(height), pixels_(std::move(rgba)),
-      hash_(hashPixels(width_, height_, pixels_)) {}
+    : width_(width), height_(height), pixels_(std::move(rgba)) {}
 
 std::shared_ptr<const Image> Image::fromRGBA(std::size_t width, std::size_t height,
                                              std::vector<std::uint8_t> rgba) {
@@ -136,7 +113,9 @@ std::shared_ptr<const Image> Image::fromData(std::span<const std::uint8_t> data)
 
 bool operator==(const Image& a, const Image& b) {
   if (&a == &b) return true;
-  if (a.width_ != b.width_ || a.height_ != b.height_ || a.hash_ != b.hash_) return false;
+  // Each new picture is compared once, so a hash made at decode time would
+  // cost more than the one comparison it could save.
+  if (a.width_ != b.width_ || a.height_ != b.height_) return false;
   return a.pixels_ == b.pixels_;
 }
 

@@ -47,7 +47,6 @@ class Image {
   std::size_t width_;
   std::size_t height_;
   std::vector<std::uint8_t> pixels_;
-  std::uint64_t hash_;  // lets most unequal pictures differ without a full compare
 };
 
 }  // namespace qel
