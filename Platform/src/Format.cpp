@@ -145,7 +145,7 @@ std::optional<double> FormatArgument::doubleValue() const {
 
 namespace {
 
-// The parts of one conversion specification after '%'.
+// The parts of one conversion after '%' (flags, width, precision, length).
 struct Spec {
   std::string flags;
   std::string width;
