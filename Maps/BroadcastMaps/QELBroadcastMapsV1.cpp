@@ -20,10 +20,6 @@ QELBroadcastMapsResolution::QELBroadcastMapsResolution() {
   setHeight(0.0);
 }
 
-std::string QELBroadcastMapsResolution::description() const {
-  return stringWithFormat("<QELBroadcastMapsResolution: %@x%@>", width(), height());
-}
-
 // MARK: - QELBroadcastMapsV1
 
 std::string QELBroadcastMapsV1::serviceVersion() { return "03.19.02.00"; }

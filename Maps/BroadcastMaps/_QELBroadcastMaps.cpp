@@ -34,6 +34,14 @@ const boost::json::object& entryAt(const boost::json::value& value) {
   return entry ? *entry : kEmpty;
 }
 
+// Announces a post. The line is the one of the logging statement itself,
+// wherever the formatter breaks it, so that operators land on the call.
+// (std::source_location would do, but clang 14 cannot build it with this
+// standard library; both compilers give the caller's line here.)
+void logPosting(std::string_view format, int line = __builtin_LINE()) {
+  QELLogging::log(format, 3, kDomain, kDomain, line);
+}
+
 // The entry's image source; a "src" that is not text counts as none.
 std::optional<std::string> sourceOf(const boost::json::object& entry) {
   const auto* src = entry.if_contains("src");
@@ -153,8 +161,7 @@ std::optional<std::string> QELBroadcastMaps::imageURLForResolution() const {
 
 void QELBroadcastMaps::start() {
   threadChecker_.check();
-  QELLogging::log("[%@ %d] Posting notification: _QELBroadcastMapsImageDidStartReceivingImageNotification.",
-                  3, kDomain, kDomain, __LINE__);
+  logPosting("[%@ %d] Posting notification: _QELBroadcastMapsImageDidStartReceivingImageNotification.");
   post(QELBroadcastMapsImageDidStartReceivingImageNotification);
   shouldDownloadImages_ = true;
   downloadImage();
@@ -172,8 +179,7 @@ void QELBroadcastMaps::stop() {
 void QELBroadcastMaps::autoStop(const Notification& notification) {
   if (notification.sender().get() == this) return;
   stop();
-  QELLogging::log("[%@ %d] Posting notification: QELBroadcastMapsImageDidStopReceivingImageNotification.",
-                  3, kDomain, kDomain, __LINE__);
+  logPosting("[%@ %d] Posting notification: QELBroadcastMapsImageDidStopReceivingImageNotification.");
   post(QELBroadcastMapsImageDidStopReceivingImageNotification);
 }
 
@@ -216,8 +222,7 @@ void QELBroadcastMaps::setMapImage(std::shared_ptr<const Image> mapImage) {
   // map is not news for the application.
   if (mapImage_ && old && (mapImage_ == old || *mapImage_ == *old)) return;
   if (!mapImage_ && !old) return;
-  QELLogging::log("[%@ %d] Posting notification: QELBroadcastMapsImageDidChangeNotification.", 3,
-                  kDomain, kDomain, __LINE__);
+  logPosting("[%@ %d] Posting notification: QELBroadcastMapsImageDidChangeNotification.");
   post(QELBroadcastMapsImageDidChangeNotification);
 }
 
@@ -271,9 +276,7 @@ void QELBroadcastMaps::observeValueForKeyPath(const std::string& keyPath, const 
   const bool sameKeys = keys && lastKnownResolutions_ && *keys == *lastKnownResolutions_;
   if (!sameKeys && (keys || lastKnownResolutions_)) {
     lastKnownResolutions_ = std::move(keys);
-    QELLogging::log(
-        "[%@ %d] Posting notification: QELBroadcastMapsAvailableResolutionsDidChangeNotification.",
-        3, kDomain, kDomain, __LINE__);
+    logPosting("[%@ %d] Posting notification: QELBroadcastMapsAvailableResolutionsDidChangeNotification.");
     post(QELBroadcastMapsAvailableResolutionsDidChangeNotification);
   }
 
@@ -292,8 +295,7 @@ void QELBroadcastMaps::observeValueForKeyPath(const std::string& keyPath, const 
 
   // Last, after any resolutions and image news of the same change.
   if (!broadcastMapsController_->mapInfo()) {
-    QELLogging::log("[%@ %d] Posting notification: QELBroadcastMapsErrorNotification.", 3, kDomain,
-                    kDomain, __LINE__);
+    logPosting("[%@ %d] Posting notification: QELBroadcastMapsErrorNotification.");
     post(QELBroadcastMapsErrorNotification);
   }
 }

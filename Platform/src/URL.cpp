@@ -1,5 +1,8 @@
 #include "qel/URL.h"
 
+#include <boost/url/encode.hpp>
+#include <boost/url/rfc/pchars.hpp>
+
 #include <cstdint>
 #include <stdexcept>
 
@@ -35,9 +38,20 @@ void URLComponents::setPort(std::optional<std::uint16_t> port) {
   }
 }
 
-void URLComponents::setPath(std::string_view path) { url_.set_path(path); }
+void URLComponents::setPath(std::string_view path) {
+  url_.set_path(path);
+  encodedPath_ = boost::urls::encode(path, boost::urls::pchars + '/');
+}
 
-std::string URLComponents::string() const { return std::string(url_.buffer()); }
+std::string URLComponents::string() const {
+  // Boost.URL puts "/." before a path that could read as an authority ("//x",
+  // and also "/" and "/./x"). Behind a host nothing is ambiguous, and the
+  // path must reach the server as it was given, doubled slashes included.
+  if (!url_.has_authority()) return std::string(url_.buffer());
+  const auto buffer = url_.buffer();
+  const auto pathAt = static_cast<std::size_t>(url_.encoded_path().data() - buffer.data());
+  return std::string(buffer.substr(0, pathAt)) + encodedPath_;
+}
 
 namespace {
 

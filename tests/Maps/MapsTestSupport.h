@@ -139,7 +139,12 @@ class MapsTest : public ::testing::Test {
     }
     return result;
   }
-  std::size_t logCount(std::string_view text) const { return env_.logsContaining(text).size(); }
+  // Lines of exactly this level and text.
+  std::size_t logged(int level, std::string_view message) const {
+    return static_cast<std::size_t>(std::count_if(env_.logs().begin(), env_.logs().end(), [&](const auto& r) {
+      return r.level == level && r.message == message;
+    }));
+  }
 
   core::testing::ScriptedEnvironment env_;
 };

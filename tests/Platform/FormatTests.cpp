@@ -84,6 +84,12 @@ TEST(PlatformURL, ComposesAndEscapesWhatEachPartDoesNotAllow) {
 
   components.setPort(8443);
   EXPECT_EQ(components.string(), "https://cabin.local:8443/maps/a%20b%3F%23%25.png");
+
+  // Behind a host a path is kept as given: nothing is put in front of "/" or "//".
+  for (const char* path : {"/", "//b", "/./c"}) {
+    components.setPath(path);
+    EXPECT_EQ(components.string(), std::string("https://cabin.local:8443") + path);
+  }
 }
 
 TEST(PlatformURL, RemovingPercentEncodingRefusesMalformedEscapesAndBadUTF8) {

@@ -11,6 +11,12 @@ extern const char* const QELBroadcastMapsAvailableResolutionsDidChangeNotificati
 // mapImage() holds another picture, or none any more.
 extern const char* const QELBroadcastMapsImageDidChangeNotification;
 // The service stopped receiving because another party announced it stopped.
+//
+// On the framework's internal centre this name belongs to the framework: each
+// engine stands down when any other sender posts it, and then posts it
+// itself, only from that handler. Never post it there. With two services
+// alive, one such post would have their engines answer each other without
+// end, until the stack runs out.
 extern const char* const QELBroadcastMapsImageDidStopReceivingImageNotification;
 // There is no map data (the cabin server is out of reach or failed to answer).
 extern const char* const QELBroadcastMapsErrorNotification;

@@ -30,7 +30,7 @@ class InternalInconsistencyException : public std::logic_error {
 // is built afresh at every call and belongs to the caller, but a record handed
 // to setCurrentResolution() is kept as it is, so later changes to it are seen
 // at the next choice of picture. Two records are equal only when they are the
-// same object.
+// same object, and a record describes itself ("%@") as any object does.
 //
 //   auto r = qel::QELBroadcastMapsResolution::create();
 //   r->setWidth(1024); r->setHeight(768);
@@ -45,8 +45,6 @@ class QELBroadcastMapsResolution : public Object {
   void setHeight(CGFloat height) { height_ = height; }
   // Width first.
   ::qel::CGSize CGSize() const { return {width(), height()}; }
-
-  std::string description() const override;
 
  protected:
   QELBroadcastMapsResolution();

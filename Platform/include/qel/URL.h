@@ -28,6 +28,7 @@ class URLComponents {
 
  private:
   boost::urls::url url_;
+  std::string encodedPath_;  // the path as given, escaped
 };
 
 // Decodes every %XX escape; empty when an escape is malformed or the result
