@@ -185,6 +185,7 @@ TEST_F(ServiceTest, DownloadsAndAnnouncesOnlyPicturesThatDiffer) {
   ASSERT_EQ(openImages().size(), 1u);
   answerImage(picture);
   EXPECT_TRUE(app_->entries.empty());
+  EXPECT_EQ(service->mapImage(), held) << "the same bytes are not decoded again";
 
   events().deliver("core.maps.map_update", updateInfo({imageEntry(800, 600, "/maps/800x600/3.png")}));
   answerImage(pngBytes(8, 6, 2));
