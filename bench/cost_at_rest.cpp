@@ -68,14 +68,19 @@ struct Usage {
   }
 };
 
-// run() with a scheduled stop, as an application runs its loop: runFor()
-// waits in slices of at most a second (Asio's run_one_until), which would
-// add a wakeup a second of its own.
-Usage idle(std::chrono::seconds duration) {
+enum class Run { withScheduledStop, forDuration };
+
+// Idles the loop the two ways an application runs it: run() ended by a
+// scheduled stop, or runFor(). Neither may add wakeups of its own.
+Usage idle(std::chrono::seconds duration, Run how = Run::withScheduledStop) {
   auto& loop = qel::RunLoop::current();
   const auto before = Usage::now();
-  const auto stop = loop.schedule(duration, [&loop] { loop.stop(); });
-  loop.run();
+  if (how == Run::forDuration) {
+    loop.runFor(duration);
+  } else {
+    const auto stop = loop.schedule(duration, [&loop] { loop.stop(); });
+    loop.run();
+  }
   return Usage::now() - before;
 }
 
@@ -131,7 +136,9 @@ int main(int argc, char** argv) {
           "the service never got its first picture over a connected event channel");
   loop.runFor(1s);
   const auto atRest = idle(rest);
-  printIdle("started service, no updates", atRest, options.restSeconds);
+  printIdle("started service, no updates, run()", atRest, options.restSeconds);
+  const auto atRestRunFor = idle(rest, Run::forDuration);
+  printIdle("started service, no updates, runFor()", atRestRunFor, options.restSeconds);
 
   // Memory: one update at a time, each until its picture arrived.
   auto update = [&] {

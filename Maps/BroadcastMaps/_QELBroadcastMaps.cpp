@@ -218,6 +218,7 @@ void QELBroadcastMaps::downloadImage() {
 
 void QELBroadcastMaps::setMapImage(std::shared_ptr<const Image> mapImage) {
   auto old = std::exchange(mapImage_, std::move(mapImage));
+  mapImageBytes_.clear();
   // Announced only when the picture itself differs: a download of the same
   // map is not news for the application.
   if (mapImage_ && old && (mapImage_ == old || *mapImage_ == *old)) return;
@@ -229,9 +230,15 @@ void QELBroadcastMaps::setMapImage(std::shared_ptr<const Image> mapImage) {
 void QELBroadcastMaps::requestDidFinish(const std::shared_ptr<core::QELRequest>&, const Data& data) {
   threadChecker_.check();
   QELLogging::log("%s called.", 4, kDomain, "-[_QELBroadcastMaps requestDidFinish:withData:]");
+  // The shown picture's own bytes cannot decode to anything else: no decode,
+  // and nothing changes.
+  if (mapImage_ && data == mapImageBytes_) return;
   // Bytes that do not decode clear the picture: showing a stale map as if it
   // were current would be worse.
-  setMapImage(Image::fromData(data));
+  auto image = Image::fromData(data);
+  const bool decoded = image != nullptr;
+  setMapImage(std::move(image));
+  if (decoded) mapImageBytes_ = data;
 }
 
 void QELBroadcastMaps::requestDidFail(const std::shared_ptr<core::QELRequest>&, const Error&) {

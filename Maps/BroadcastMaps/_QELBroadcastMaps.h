@@ -98,6 +98,8 @@ class QELBroadcastMaps : public Object,
   MapInfo mapInfo_;
   std::shared_ptr<core::QELImageDownloadRequest> imageRequest_;
   std::shared_ptr<const Image> mapImage_;
+  // The downloaded bytes mapImage_ was decoded from; empty when unknown.
+  Data mapImageBytes_;
   std::shared_ptr<QELBroadcastMapsResolution> currentResolution_;
   std::optional<KeyList> lastKnownResolutions_;
   std::optional<std::string> lastKnownImageURL_;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <utility>
 
 namespace qel {
 namespace {
@@ -49,16 +50,10 @@ void RunLoop::assertOnLoopThread() const {
   assert(threadTag_ == &kThreadTag && "RunLoop used from another thread than its own");
 }
 
-bool RunLoop::runOne(const TimePoint* deadline) {
+bool RunLoop::runOne() {
   if (context_.stopped()) context_.restart();
-  std::size_t ran = 0;
-  if (!deadline) {
-    ran = context_.run_one();
-  } else if (Clock::now() < *deadline) {
-    ran = context_.run_one_until(*deadline);
-  } else {
-    ran = context_.poll_one();
-  }
+  std::size_t ran = context_.run_one();
+  ran -= std::exchange(ownHandlersRun_, 0);
   calloutCount_ += ran;
   return ran != 0;
 }
@@ -72,35 +67,46 @@ void RunLoop::run() {
   // io_context returns as soon as it runs out of work; a loop waits instead.
   auto guard = boost::asio::make_work_guard(context_);
   const int depth = ++runDepth_;
-  while (stopRequested_ < depth) runOne(nullptr);
+  while (stopRequested_ < depth) runOne();
   consumeStop(depth);
   --runDepth_;
 }
 
 void RunLoop::runFor(Duration duration) {
   assertOnLoopThread();
-  auto guard = boost::asio::make_work_guard(context_);
-  const TimePoint deadline = Clock::now() + duration;
-  const int depth = ++runDepth_;
-  while (stopRequested_ < depth && Clock::now() < deadline) runOne(&deadline);
-  consumeStop(depth);
-  --runDepth_;
+  runToDeadline(Clock::now() + duration, nullptr);
 }
 
 bool RunLoop::runUntil(const std::function<bool()>& predicate, Duration timeout) {
   assertOnLoopThread();
   if (predicate()) return true;
+  return runToDeadline(Clock::now() + timeout, &predicate) || predicate();
+}
+
+bool RunLoop::runToDeadline(TimePoint deadline, const std::function<bool()>* predicate) {
+  // One timer at the deadline and untimed waits, rather than asio's timed
+  // run_one_until: that one waits in slices of at most a second, so an idle
+  // thread would wake every second for nothing.
   auto guard = boost::asio::make_work_guard(context_);
-  const TimePoint deadline = Clock::now() + timeout;
+  auto expired = std::make_shared<bool>(Clock::now() >= deadline);
+  boost::asio::steady_timer timer(context_);
+  if (!*expired) {
+    timer.expires_at(deadline);
+    timer.async_wait([this, expired](const boost::system::error_code& error) {
+      // The loop's own wakeup, fired or cancelled: not a callout.
+      ++ownHandlersRun_;
+      if (!error) *expired = true;
+    });
+  }
   const int depth = ++runDepth_;
   bool satisfied = false;
-  while (stopRequested_ < depth && Clock::now() < deadline) {
-    if (!runOne(&deadline)) continue;
-    if ((satisfied = predicate())) break;
+  while (stopRequested_ < depth && !*expired) {
+    if (!runOne() || *expired) continue;
+    if (predicate && (satisfied = (*predicate)())) break;
   }
   consumeStop(depth);
   --runDepth_;
-  return satisfied || predicate();
+  return satisfied;
 }
 
 std::size_t RunLoop::runPending() {
@@ -114,6 +120,7 @@ std::size_t RunLoop::runPending() {
       if (one == 0) break;
       ran += one;
     }
+    ran -= std::exchange(ownHandlersRun_, 0);
     calloutCount_ += ran;
     count += ran;
     if (manualClock_) {

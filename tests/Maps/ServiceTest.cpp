@@ -275,6 +275,7 @@ TEST_F(ServiceTest, DownloadsAndAnnouncesOnlyPicturesThatDiffer) {
   // A new source with the same picture is downloaded but not announced.
   push({imageEntry(800, 600, "/maps/2.png")});
   answerImage(picture);
+  EXPECT_EQ(service->mapImage(), held) << "the same bytes are not decoded again";
   push({imageEntry(800, 600, "/maps/3.png")});
   answerImage(pngBytes(8, 6, 2));
   expectPosted({kImage});

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <functional>
 #include <string>
 #include <thread>
@@ -105,6 +107,23 @@ TEST(PlatformRunLoop, RealClockRunsScheduledCallsAndRunForWaitsOutItsTime) {
     EXPECT_TRUE(fired);
     EXPECT_GE(RunLoop::Clock::now() - start, 20ms);
     EXPECT_FALSE(loop.runUntil([] { return false; }, 1ms));
+  });
+}
+
+// An idle loop sleeps until its deadline in one wait: each extra wakeup shows
+// as a voluntary context switch of the thread.
+TEST(PlatformRunLoop, IdleRunForAndRunUntilBlockOnceUntilTheirDeadline) {
+  onFreshLoop([](RunLoop& loop) {
+    auto switches = [] {
+      rusage usage{};
+      ::getrusage(RUSAGE_THREAD, &usage);
+      return usage.ru_nvcsw;
+    };
+    const auto before = switches();
+    loop.runFor(1500ms);
+    EXPECT_FALSE(loop.runUntil([] { return false; }, 1500ms));
+    EXPECT_LE(switches() - before, 2);
+    EXPECT_EQ(loop.calloutCount(), 0u);
   });
 }
 

@@ -90,9 +90,12 @@ class RunLoop {
  private:
   friend class ScheduledCall;
   RunLoop();
-  // Runs one ready-or-next callout (waiting at most until `deadline`) and
-  // counts it; false when none ran.
-  bool runOne(const TimePoint* deadline);
+  // Waits for and runs one callout and counts it; false when only the
+  // loop's own handlers ran.
+  bool runOne();
+  // Runs callouts until `deadline` of real time, stop(), or `predicate`
+  // (when given) holds after a callout. Returns whether the predicate held.
+  bool runToDeadline(TimePoint deadline, const std::function<bool()>* predicate);
   // Manual clock: fires every pending call due at or before `until`, in
   // deadline order, moving the clock to each deadline.
   void runManualDue(TimePoint until);
@@ -104,6 +107,8 @@ class RunLoop {
   TimePoint manualNow_{};
   std::uint64_t nextSequence_ = 0;
   std::uint64_t calloutCount_ = 0;
+  // Handlers of the loop's own deadline timers run since the last count.
+  std::size_t ownHandlersRun_ = 0;
   int runDepth_ = 0;
   // The depth of the run that stop() ended, 0 when none is pending.
   int stopRequested_ = 0;
