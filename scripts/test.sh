@@ -15,6 +15,15 @@ for preset in $presets; do
   ctest --preset "$preset" -j "$jobs"
 done
 
+# The library as an application gets it: the shared release build installed
+# into a temporary prefix and as Debian packages, and a consumer application
+# built against it with find_package, pkg-config and add_subdirectory, each
+# receiving a map picture from the simulator. QEL_TEST_INSTALL=0 skips it.
+if [ "${QEL_TEST_INSTALL:-1}" != 0 ]; then
+  echo "== install"
+  scripts/test-install.sh
+fi
+
 # Short runs of the fuzzers (clang, sanitizers; builds the libraries and the
 # fuzzers only). QEL_TEST_FUZZ=0 skips them.
 if [ "${QEL_TEST_FUZZ:-1}" != 0 ]; then

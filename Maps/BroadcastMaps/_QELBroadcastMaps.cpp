@@ -18,9 +18,14 @@ namespace {
 constexpr std::string_view kDomain = lastPathComponent(__FILE__);
 constexpr std::string_view kMapInfoKeyPath = "mapInfo";
 
-// Lazily made, never released: one image download at a time for every engine
-// of the process, so that several services never compete for the cabin link.
-std::shared_ptr<core::QELRequestQueue> sharedImageQueue;
+// Lazily made, never released (nor destroyed at exit, where a service kept in
+// a static may still cancel its download through it): one image download at
+// a time for every engine of the process, so that several services never
+// compete for the cabin link.
+std::shared_ptr<core::QELRequestQueue>& sharedImageQueue() {
+  static auto* const queue = new std::shared_ptr<core::QELRequestQueue>;
+  return *queue;
+}
 
 // A size as the engine compares it: through single precision, the way the
 // record's values are read, so a listed resolution always matches its entry.
@@ -59,11 +64,12 @@ std::shared_ptr<QELBroadcastMaps> QELBroadcastMaps::create() {
 }
 
 std::shared_ptr<core::QELRequestQueue> QELBroadcastMaps::requestQueue() {
-  if (!sharedImageQueue) {
-    sharedImageQueue = core::QELRequestQueue::create();
-    sharedImageQueue->setMaxConcurrentOperationCount(1);
+  auto& queue = sharedImageQueue();
+  if (!queue) {
+    queue = core::QELRequestQueue::create();
+    queue->setMaxConcurrentOperationCount(1);
   }
-  return sharedImageQueue;
+  return queue;
 }
 
 bool QELBroadcastMaps::init() {

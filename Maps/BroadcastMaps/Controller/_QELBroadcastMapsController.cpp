@@ -17,13 +17,20 @@ namespace {
 
 constexpr std::string_view kDomain = lastPathComponent(__FILE__);
 
-// The class-wide state. Plain statics, no guard: everything runs on one
-// thread.
-struct {
+// The class-wide state. Never destroyed, like the core kit's centre and
+// event manager: an application may keep its service in a static, and the
+// service reaches this state from its destructor, which can run after every
+// static of this library is gone. No guard: everything runs on one thread.
+struct ClassState {
   std::shared_ptr<QELBroadcastMapsController> sharedBroadcastMapsController;
   std::shared_ptr<core::QELRequestQueue> sharedQueue;
   std::int32_t ownersCount = 0;
-} classState;
+};
+
+ClassState& classState() {
+  static auto* const state = new ClassState;
+  return *state;
+}
 
 // The server's image object as stored in the record: null "width", "height"
 // and "src" are dropped, every other field is kept as it came.
@@ -57,36 +64,36 @@ std::string_view invalidImagesReason(const boost::json::array& images) {
 // MARK: - Shared instance and owners
 
 std::shared_ptr<QELBroadcastMapsController> QELBroadcastMapsController::defaultController() {
-  if (!classState.sharedBroadcastMapsController) {
+  if (!classState().sharedBroadcastMapsController) {
     auto controller = std::shared_ptr<QELBroadcastMapsController>(new QELBroadcastMapsController);
     // The static holds the instance only once init has run, as an
     // assignment of the initialiser's result would.
-    if (controller->init()) classState.sharedBroadcastMapsController = std::move(controller);
+    if (controller->init()) classState().sharedBroadcastMapsController = std::move(controller);
   }
-  return classState.sharedBroadcastMapsController;
+  return classState().sharedBroadcastMapsController;
 }
 
 std::shared_ptr<core::QELRequestQueue> QELBroadcastMapsController::requestQueue() {
-  if (!classState.sharedQueue) {
-    classState.sharedQueue = core::QELRequestQueue::create();
-    classState.sharedQueue->setMaxConcurrentOperationCount(1);
+  if (!classState().sharedQueue) {
+    classState().sharedQueue = core::QELRequestQueue::create();
+    classState().sharedQueue->setMaxConcurrentOperationCount(1);
   }
-  return classState.sharedQueue;
+  return classState().sharedQueue;
 }
 
-void QELBroadcastMapsController::own() { ++classState.ownersCount; }
+void QELBroadcastMapsController::own() { ++classState().ownersCount; }
 
 void QELBroadcastMapsController::free() {
-  if (classState.ownersCount == 0) return;
-  if (--classState.ownersCount == 0) {
+  if (classState().ownersCount == 0) return;
+  if (--classState().ownersCount == 0) {
     // reset() empties the static before the old value goes, so a teardown
     // that runs here already finds the class without a shared instance.
-    classState.sharedBroadcastMapsController.reset();
-    classState.sharedQueue.reset();
+    classState().sharedBroadcastMapsController.reset();
+    classState().sharedQueue.reset();
   }
 }
 
-std::int32_t QELBroadcastMapsController::ownersCount() { return classState.ownersCount; }
+std::int32_t QELBroadcastMapsController::ownersCount() { return classState().ownersCount; }
 
 // MARK: - Life cycle
 

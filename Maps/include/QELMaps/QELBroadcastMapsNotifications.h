@@ -1,5 +1,7 @@
 #pragma once
 
+#include <qel/Export.h>
+
 namespace qel {
 
 // Notifications of QELBroadcastMapsV1, posted on the default notification
@@ -7,9 +9,9 @@ namespace qel {
 // change happened has ended.
 
 // The map offers another set of resolutions: read availableResolutions().
-extern const char* const QELBroadcastMapsAvailableResolutionsDidChangeNotification;
+QEL_EXPORT extern const char* const QELBroadcastMapsAvailableResolutionsDidChangeNotification;
 // mapImage() holds another picture, or none any more.
-extern const char* const QELBroadcastMapsImageDidChangeNotification;
+QEL_EXPORT extern const char* const QELBroadcastMapsImageDidChangeNotification;
 // The service stopped receiving because another party announced it stopped.
 //
 // On the framework's internal centre this name belongs to the framework: each
@@ -17,13 +19,13 @@ extern const char* const QELBroadcastMapsImageDidChangeNotification;
 // itself, only from that handler. Never post it there. With two services
 // alive, one such post would have their engines answer each other without
 // end, until the stack runs out.
-extern const char* const QELBroadcastMapsImageDidStopReceivingImageNotification;
+QEL_EXPORT extern const char* const QELBroadcastMapsImageDidStopReceivingImageNotification;
 // There is no map data (the cabin server is out of reach or failed to answer).
-extern const char* const QELBroadcastMapsErrorNotification;
+QEL_EXPORT extern const char* const QELBroadcastMapsErrorNotification;
 
 namespace internal {
 // Reception started. Applications receive it too, but should not rely on it.
-extern const char* const QELBroadcastMapsImageDidStartReceivingImageNotification;
+QEL_EXPORT extern const char* const QELBroadcastMapsImageDidStartReceivingImageNotification;
 }  // namespace internal
 
 }  // namespace qel

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <qel/Export.h>
 #include <qel/Geometry.h>
 #include <qel/Image.h>
 #include <qel/Notification.h>
@@ -19,7 +20,7 @@ class QELBroadcastMaps;
 
 // Thrown when an argument breaks a method's contract; the message says which
 // expression failed, where, and why.
-class InternalInconsistencyException : public std::logic_error {
+class QEL_EXPORT InternalInconsistencyException : public std::logic_error {
  public:
   using std::logic_error::logic_error;
 };
@@ -35,7 +36,7 @@ class InternalInconsistencyException : public std::logic_error {
 //   auto r = qel::QELBroadcastMapsResolution::create();
 //   r->setWidth(1024); r->setHeight(768);
 //   service->setCurrentResolution(r);
-class QELBroadcastMapsResolution : public Object {
+class QEL_EXPORT QELBroadcastMapsResolution : public Object {
  public:
   static std::shared_ptr<QELBroadcastMapsResolution> create();
 
@@ -76,7 +77,7 @@ class QELBroadcastMapsResolution : public Object {
 //       qel::QELBroadcastMapsImageDidChangeNotification, maps);
 //   maps->start();
 //   qel::RunLoop::current().run();
-class QELBroadcastMapsV1 : public core::SkelionService {
+class QEL_EXPORT QELBroadcastMapsV1 : public core::SkelionService {
  public:
   static std::string serviceVersion();
 

@@ -17,6 +17,6 @@
 extern "C" {
 // "@(#)PROGRAM:QELMaps  PROJECT:Maps-1" and a line feed, for tools that look
 // for the "@(#)" marker.
-extern const unsigned char QELMapsVersionString[];
-extern const double QELMapsVersionNumber;
+QEL_EXPORT extern const unsigned char QELMapsVersionString[];
+QEL_EXPORT extern const double QELMapsVersionNumber;
 }

@@ -19,13 +19,13 @@ namespace qel {
 // needless fraction or exponent (800.0 -> "800", 1024.5 -> "1024.5",
 // 0.1 -> "0.1"), a string as itself, true/false as "1"/"0", null as "<null>",
 // arrays and objects as compact JSON. A missing value (nullptr) is "(null)".
-std::string describe(const boost::json::value* value);
+QEL_EXPORT std::string describe(const boost::json::value* value);
 inline std::string describe(const boost::json::value& value) { return describe(&value); }
 
 // A value read as a 32-bit float: a number rounded to single precision, a
 // string parsed like a leading decimal number (0 when there is none), true 1,
 // anything else (missing included) 0.
-float floatValue(const boost::json::value* value);
+QEL_EXPORT float floatValue(const boost::json::value* value);
 
 // "a/b/c.cpp" -> "c.cpp".
 constexpr std::string_view lastPathComponent(std::string_view path) {
@@ -35,7 +35,7 @@ constexpr std::string_view lastPathComponent(std::string_view path) {
 
 // One argument of stringWithFormat. Any mismatch between a conversion and its
 // argument prints the argument's description instead of misbehaving.
-class FormatArgument {
+class QEL_EXPORT FormatArgument {
  public:
   FormatArgument(std::nullptr_t) : value_(Nil{}) {}
   FormatArgument(const char* text) : value_(text ? Value(std::string_view(text)) : Value(Nil{})) {}
@@ -84,7 +84,7 @@ class FormatArgument {
 // printf-style formatting with the platform's conversions: %@ (description),
 // %s, %d, %i, %ld, %lu, %u, %f (fixed, 6 places) and %%. An unknown conversion
 // is copied as it stands; missing arguments print "(null)".
-std::string stringWithFormatArgs(std::string_view format, std::initializer_list<FormatArgument> args);
+QEL_EXPORT std::string stringWithFormatArgs(std::string_view format, std::initializer_list<FormatArgument> args);
 
 template <class... Args>
 std::string stringWithFormat(std::string_view format, const Args&... args) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "qel/Export.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -21,7 +23,7 @@ namespace qel {
 //
 //   auto image = qel::Image::fromData(bytes);
 //   if (image && *image != *previous) show(image);
-class Image {
+class QEL_EXPORT Image {
  public:
   static constexpr std::uint64_t kMaxPixels = 64ull * 1024 * 1024;
 
@@ -39,7 +41,7 @@ class Image {
   // The picture encoded as PNG (8-bit RGBA); empty if encoding fails.
   std::vector<std::uint8_t> pngRepresentation() const;
 
-  friend bool operator==(const Image& a, const Image& b);
+  friend QEL_EXPORT bool operator==(const Image& a, const Image& b);
 
  private:
   Image(std::size_t width, std::size_t height, std::vector<std::uint8_t> rgba);

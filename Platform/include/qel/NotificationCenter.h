@@ -24,7 +24,7 @@ namespace qel {
 //                      "THING_DID_CHANGE", thing);
 //   center.postNotificationName("THING_DID_CHANGE", thing);
 //   center.removeObserver(self.get());
-class NotificationCenter {
+class QEL_EXPORT NotificationCenter {
  public:
   using Handler = std::function<void(const Notification&)>;
 

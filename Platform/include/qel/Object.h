@@ -1,5 +1,7 @@
 #pragma once
 
+#include "qel/Export.h"
+
 #include <memory>
 #include <string>
 
@@ -21,7 +23,7 @@ namespace qel {
 //       return thing->init() ? thing : nullptr;
 //     }
 //   };
-class Object : public std::enable_shared_from_this<Object> {
+class QEL_EXPORT Object : public std::enable_shared_from_this<Object> {
  public:
   Object(const Object&) = delete;
   Object& operator=(const Object&) = delete;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "qel/Export.h"
+
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 
@@ -33,7 +35,7 @@ class ScheduledCall;
 //   loop.post([] { std::puts("next callout"); });
 //   auto call = loop.schedule(std::chrono::seconds(5), [] { retry(); });
 //   loop.runUntil([&] { return done; }, std::chrono::seconds(10));
-class RunLoop {
+class QEL_EXPORT RunLoop {
  public:
   using Clock = std::chrono::steady_clock;
   using TimePoint = Clock::time_point;
@@ -121,7 +123,7 @@ class RunLoop {
 
 // A call scheduled on a run loop. cancel() is safe at any time, also from
 // within the call itself.
-class ScheduledCall {
+class QEL_EXPORT ScheduledCall {
  public:
   ScheduledCall(const ScheduledCall&) = delete;
   ScheduledCall& operator=(const ScheduledCall&) = delete;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <qel/Export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -14,7 +16,7 @@ namespace qel::core {
 //   caFile          QEL_CA_FILE            (the system's trust store)
 //   eventPath       QEL_EVENT_PATH         "/skelion/events"
 //   logThreshold    QEL_LOG_LEVEL          3
-struct QELConfiguration {
+struct QEL_EXPORT QELConfiguration {
   std::optional<std::string> host;
   std::optional<std::uint16_t> port;
   std::optional<std::string> caFile;
@@ -28,7 +30,7 @@ struct QELConfiguration {
   static QELConfiguration effective();
 };
 
-class QELHostname {
+class QEL_EXPORT QELHostname {
  public:
   // The cabin server's host name, or empty when none is configured.
   static std::optional<std::string> skelionHostname();

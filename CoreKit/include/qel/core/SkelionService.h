@@ -5,7 +5,7 @@
 namespace qel::core {
 
 // The base class of every cabin service a framework offers to applications.
-class SkelionService : public Object {
+class QEL_EXPORT SkelionService : public Object {
  public:
   ~SkelionService() override;
 

@@ -1,0 +1,64 @@
+# cmake --install: the public headers, libqelmaps, the CMake package
+# (QELMaps::QELMaps), qelmaps.pc and, with the tools, the simulator and the
+# demo. Components: runtime (the shared library), development (everything
+# needed to build against it) and tools; the Debian packages follow them.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+# Only what <QELMaps/QELMaps.h> includes, directly or not: the consumer test
+# builds against the installed tree alone, so a missing header fails it.
+install(FILES
+  Maps/include/QELMaps/QELMaps.h
+  Maps/include/QELMaps/QELBroadcastMapsNotifications.h
+  Maps/include/QELMaps/QELBroadcastMapsV1.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/QELMaps COMPONENT development)
+install(FILES
+  Platform/include/qel/Export.h
+  Platform/include/qel/Format.h
+  Platform/include/qel/Geometry.h
+  Platform/include/qel/Image.h
+  Platform/include/qel/Notification.h
+  Platform/include/qel/NotificationCenter.h
+  Platform/include/qel/Object.h
+  Platform/include/qel/RunLoop.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qel COMPONENT development)
+install(FILES
+  CoreKit/include/qel/core/QELHostname.h
+  CoreKit/include/qel/core/SkelionService.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qel/core COMPONENT development)
+
+install(TARGETS QELMapsLibrary EXPORT QELMapsTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+
+set(QEL_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/QELMaps)
+install(EXPORT QELMapsTargets NAMESPACE QELMaps:: DESTINATION ${QEL_CMAKE_DIR} COMPONENT development)
+configure_package_config_file(cmake/QELMapsConfig.cmake.in ${PROJECT_BINARY_DIR}/QELMapsConfig.cmake
+  INSTALL_DESTINATION ${QEL_CMAKE_DIR})
+# 1.x stays compatible with 1.0: the SONAME carries the major version.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/QELMapsConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/QELMapsConfig.cmake ${PROJECT_BINARY_DIR}/QELMapsConfigVersion.cmake
+  DESTINATION ${QEL_CMAKE_DIR} COMPONENT development)
+
+# qelmaps.pc finds its prefix from where it lies, so the tree can move (a
+# temporary prefix, a scratch root, /usr). A static library lists what it
+# needs for the application's link; the shared one needs nothing more.
+file(RELATIVE_PATH QEL_PC_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+if(BUILD_SHARED_LIBS)
+  set(QEL_PC_PRIVATE "")
+else()
+  set(QEL_PC_PRIVATE "Requires.private: spng libturbojpeg libssl libcrypto\nLibs.private: -lboost_url")
+endif()
+configure_file(cmake/qelmaps.pc.in ${PROJECT_BINARY_DIR}/qelmaps.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qelmaps.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+if(QEL_BUILD_TOOLS)
+  set(QEL_TOOLS cabin-sim qelmaps-demo)
+  # Found next to the library in any prefix; under /usr the loader finds it anyway.
+  set_target_properties(${QEL_TOOLS} PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  install(TARGETS ${QEL_TOOLS} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+endif()
+
+include(QELPackage)
