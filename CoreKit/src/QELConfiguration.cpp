@@ -2,6 +2,7 @@
 #include "qel/core/QELLogging.h"
 
 #include <qel/Format.h>
+#include <qel/GccWarnings.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -52,6 +53,9 @@ void QELConfiguration::set(const QELConfiguration& configuration) {
   if (configuration.logThreshold) QELLogging::setThreshold(*configuration.logThreshold);
 }
 
+// GCC 12 bug 80635: a bogus -Wmaybe-uninitialized inside libstdc++ when
+// optimising the copy of an engaged std::optional<std::string>.
+QEL_GCC_IGNORE_BEGIN("-Wmaybe-uninitialized")
 QELConfiguration QELConfiguration::effective() {
   QELConfiguration result = applicationConfiguration();
   if (!result.host || result.host->empty()) result.host = environmentText("QEL_SKELION_HOSTNAME");
@@ -74,6 +78,7 @@ QELConfiguration QELConfiguration::effective() {
   }
   return result;
 }
+QEL_GCC_IGNORE_END
 
 std::optional<std::string> QELHostname::skelionHostname() {
   auto host = QELConfiguration::effective().host;

@@ -90,8 +90,11 @@ class MapScreen : public qel::Object {
     const auto resolutions = maps_->availableResolutions();
     if (!resolutions) return "none";
     std::string text;
+    // Appended piece by piece: GCC 12 reports a bogus -Wrestrict inside
+    // libstdc++ for "literal" + std::string when optimising (GCC bug 105329).
     for (const auto& r : *resolutions) {
-      text += (text.empty() ? "" : " ") + qel::stringWithFormat("%@x%@", r->width(), r->height());
+      if (!text.empty()) text += ' ';
+      text += qel::stringWithFormat("%@x%@", r->width(), r->height());
     }
     return text;
   }
@@ -109,7 +112,8 @@ class MapScreen : public qel::Object {
                                                   static_cast<std::streamsize>(png.size()));
       std::filesystem::copy_file(path, *out_ / "latest.png",
                                  std::filesystem::copy_options::overwrite_existing);
-      text += " " + path.string();
+      text += ' ';
+      text += path.string();
     }
     return text;
   }

@@ -2,6 +2,8 @@
 
 #include "qel/core/net/TlsContext.h"
 
+#include <qel/GccWarnings.h>
+
 #include <boost/url/parse.hpp>
 #include <boost/url/url_view.hpp>
 
@@ -19,7 +21,11 @@ std::string lowercase(std::string_view text) {
   return result;
 }
 
+// GCC 12 bug 105329: a bogus -Wrestrict inside libstdc++ when optimising
+// "literal" + std::string.
+QEL_GCC_IGNORE_BEGIN("-Wrestrict")
 std::string quoted(std::string_view url) { return "\"" + std::string(url) + "\""; }
+QEL_GCC_IGNORE_END
 
 UrlPolicy::Decision refuse(std::string why) {
   UrlPolicy::Decision decision;
@@ -69,12 +75,16 @@ UrlPolicy::Decision parseAbsolute(std::string_view text, std::uint16_t defaultPo
 
 }  // namespace
 
+// GCC 12 bug 105329: a bogus -Wrestrict inside libstdc++ when optimising
+// "literal" + std::string.
+QEL_GCC_IGNORE_BEGIN("-Wrestrict")
 std::string Endpoint::url() const {
   std::string text = tls ? "https://" : "http://";
   text += host.find(':') != std::string::npos ? "[" + host + "]" : host;
   text += ":" + std::to_string(port) + target;
   return text;
 }
+QEL_GCC_IGNORE_END
 
 UrlPolicy::Decision UrlPolicy::resolve(const QELRequest& request, const QELConfiguration& configuration) const {
   const auto url = request.requestURL();
