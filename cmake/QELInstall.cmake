@@ -9,7 +9,9 @@ include(CMakePackageConfigHelpers)
 # builds against the installed tree alone, so a missing header fails it.
 install(FILES
   Maps/include/QELMaps/QELMaps.h
+  Maps/include/QELMaps/QELBroadcastMapsHost.h
   Maps/include/QELMaps/QELBroadcastMapsNotifications.h
+  Maps/include/QELMaps/QELBroadcastMapsSnapshot.h
   Maps/include/QELMaps/QELBroadcastMapsV1.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/QELMaps COMPONENT development)
 install(FILES

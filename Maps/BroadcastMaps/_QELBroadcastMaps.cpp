@@ -18,10 +18,10 @@ namespace {
 constexpr std::string_view kDomain = lastPathComponent(__FILE__);
 constexpr std::string_view kMapInfoKeyPath = "mapInfo";
 
-// Lazily made, never released (nor destroyed at exit, where a service kept in
-// a static may still cancel its download through it): one image download at
-// a time for every engine of the process, so that several services never
-// compete for the cabin link.
+// Lazily made, released with the last engine, never destroyed at exit (where
+// a service kept in a static may still cancel its download through it): one
+// image download at a time for every engine of the process, so that several
+// services never compete for the cabin link.
 std::shared_ptr<core::QELRequestQueue>& sharedImageQueue() {
   static auto* const queue = new std::shared_ptr<core::QELRequestQueue>;
   return *queue;
@@ -93,6 +93,10 @@ QELBroadcastMaps::~QELBroadcastMaps() {
   removeObservers();
   QELBroadcastMapsController::free();
   if (imageRequest_) imageRequest_->cancel();
+  // A queue posts to the loop it was made on, and the next service may live
+  // on another thread (a host's, after this one's thread ended): the last
+  // engine lets go of it, as the controller does of its own.
+  if (QELBroadcastMapsController::ownersCount() == 0) sharedImageQueue().reset();
   // The stop-notification registration goes with the engine: the centre holds
   // its observers weakly. A pending retry timer cannot be left: it keeps its
   // target alive until it fires or is invalidated.
