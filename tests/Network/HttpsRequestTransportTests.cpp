@@ -4,6 +4,8 @@
 #include <qel/core/net/HttpsRequestTransport.h>
 #include <qel/core/net/NetworkError.h>
 
+#include <boost/asio/ip/tcp.hpp>
+
 namespace qel::core::net::testing {
 namespace {
 
@@ -120,9 +122,9 @@ TEST_F(HttpsRequestTransportTests, OnlyTheCabinHostCertifiedByTheTrustedAuthorit
   EXPECT_EQ(delegate_->outcomes.back(), "body of /renewed") << delegate_->descriptions;
 }
 
-TEST_F(HttpsRequestTransportTests, ACancelledAttemptNeverCompletesAndAnUnansweredOneTimesOut) {
+TEST_F(HttpsRequestTransportTests, ACancelledAttemptNeverCompletesAndASilentPeerFailsWithinTheInactivityWindow) {
   HttpsRequestTransport::Options options;
-  options.requestTimeout = 500ms;
+  options.inactivityTimeout = 1s;
   const auto transport = useTransport(options);
   // Straight to the transport: the queue would hide a late completion.
   const auto completed = std::make_shared<bool>(false);
@@ -130,13 +132,77 @@ TEST_F(HttpsRequestTransportTests, ACancelledAttemptNeverCompletesAndAnUnanswere
   const auto attempt = transport->start(*cancelled, [completed](TransportResult) { *completed = true; });
   ASSERT_TRUE(runUntil([&] { return server_.requestTargets().size() == 1; }));
   attempt->cancel();
-  // The answer still arrives, well before the next request's timeout.
   server_.releaseHeld();
 
-  image("/held");
-  ASSERT_TRUE(waitForOutcomes(1));
-  EXPECT_EQ(delegate_->outcomes, std::vector<std::string>{failed(NetworkErrorCode::Timeout)});
+  // A picture that keeps coming for three times the window arrives; one that
+  // stops does not hold the queue for longer than the window (and a second).
+  const auto started = std::chrono::steady_clock::now();
+  image("/trickle");
+  image("/silent");
+  ASSERT_TRUE(waitForOutcomes(2));
+  EXPECT_EQ(delegate_->outcomes, (std::vector<std::string>{"1201 bytes", failed(NetworkErrorCode::Timeout)}))
+      << delegate_->descriptions;
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 3s + 2500ms);
   EXPECT_FALSE(*completed);
+}
+
+TEST_F(HttpsRequestTransportTests, InterimAndCloseDelimitedAnswersReachOnlyTheRequestThatAskedForThem) {
+  service("https://127.0.0.1/early/map");
+  image("/early/1.png");
+  image("/close/2.png");
+  service("https://127.0.0.1/early/map2");
+  ASSERT_TRUE(waitForOutcomes(4));
+  EXPECT_EQ(delegate_->outcomes, (std::vector<std::string>{"body of /early/map", "body of /early/1.png",
+                                                           "body of /close/2.png", "body of /early/map2"}))
+      << delegate_->descriptions;
+  // Interim answers keep the connection; the closed one is not used again.
+  EXPECT_EQ(server_.acceptCount(), 2);
+}
+
+TEST_F(HttpsRequestTransportTests, ADeadFirstAddressCostsOnlyItsShortWindow) {
+  // An address that never answers: a listener whose queue is full drops SYNs.
+  boost::asio::ip::tcp::acceptor dead(loop().context());
+  dead.open(boost::asio::ip::tcp::v4());
+  dead.bind({boost::asio::ip::make_address("127.0.0.2"), server_.port()});
+  dead.listen(0);
+  boost::asio::ip::tcp::socket filler(loop().context());
+  filler.connect(dead.local_endpoint());
+
+  auto configuration = QELConfiguration::effective();
+  configuration.host = "cabin.test";
+  configuration.resolve = {"cabin.test:" + std::to_string(server_.port()) + ":127.0.0.2,127.0.0.1"};
+  QELConfiguration::set(configuration);
+  const auto started = std::chrono::steady_clock::now();
+  image("/maps/1.png");
+  ASSERT_TRUE(waitForOutcomes(1));
+  EXPECT_EQ(delegate_->outcomes, std::vector<std::string>{"body of /maps/1.png"}) << delegate_->descriptions;
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 1500ms);
+}
+
+TEST_F(HttpsRequestTransportTests, ConnectionsAreBoundedResumeTlsAndEndWithTheirTrust) {
+  HttpsRequestTransport::Options options;
+  options.maximumConnections = 2;
+  options.maximumIdleTime = 1s;
+  useTransport(options);
+  queue_->setMaxConcurrentOperationCount(4);
+  for (int i = 0; i < 4; ++i) image("/held");
+  ASSERT_TRUE(runUntil([&] { return server_.requestTargets().size() == 4; }));
+  server_.releaseHeld();
+  ASSERT_TRUE(waitForOutcomes(4));
+  EXPECT_TRUE(runUntil([&] { return server_.openCount() <= 2; }));
+  // Unused, they close on their own; later ones resume the TLS session.
+  EXPECT_TRUE(runUntil([&] { return server_.openCount() == 0; }));
+  const int resumed = server_.resumedCount();
+  image("/maps/1.png");
+  ASSERT_TRUE(waitForOutcomes(5));
+  EXPECT_EQ(server_.resumedCount(), resumed + 1);
+
+  // The CA file now names another authority: what was verified under the old
+  // one is not used again.
+  TestCertificate::authority("Stranger CA").writePem(caFile_);
+  image("/maps/2.png");
+  ASSERT_TRUE(waitForOutcomes(6));
+  EXPECT_EQ(delegate_->outcomes.back(), failed(NetworkErrorCode::Handshake)) << delegate_->descriptions;
 }
 
 }  // namespace

@@ -4,7 +4,7 @@
 
 #include <qel/RunLoop.h>
 #include <qel/core/QELHostname.h>
-#include <qel/core/net/ConnectionPool.h>
+#include <qel/core/net/CurlMulti.h>
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -25,7 +25,7 @@ class NetworkTest : public ::testing::Test {
   }
   ~NetworkTest() override {
     QELConfiguration::set({});
-    ConnectionPool::of(loop().context()).clear();
+    CurlMulti::of(loop().context()).closeIdleConnections();
     std::remove(caFile_.c_str());
   }
 
@@ -43,7 +43,7 @@ class NetworkTest : public ::testing::Test {
 
   TestCertificate authority_ = TestCertificate::authority("QEL Test CA");
   std::string caFile_ = ::testing::TempDir() + "qel-test-ca-" + std::to_string(getpid()) + ".pem";
-  TestServer server_{loop().context(), authority_.issue("DNS:localhost,IP:127.0.0.1")};
+  TestServer server_{loop().context(), authority_.issue("DNS:localhost,DNS:cabin.test,IP:127.0.0.1")};
 };
 
 }  // namespace qel::core::net::testing

@@ -58,4 +58,10 @@ void TestCertificate::writePem(const std::string& path) const {
   check(file && PEM_write_bio_X509(file.get(), certificate.get()) == 1, "writing the certificate");
 }
 
+void TestCertificate::writeKeyPem(const std::string& path) const {
+  std::unique_ptr<BIO, decltype(&BIO_free)> file(BIO_new_file(path.c_str(), "w"), BIO_free);
+  check(file && PEM_write_bio_PrivateKey(file.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1,
+        "writing the key");
+}
+
 }  // namespace qel::core::net::testing

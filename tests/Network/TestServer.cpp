@@ -55,6 +55,8 @@ struct TestServer::State {
   asio::ssl::context tls{asio::ssl::context::tls_server};
   tcp::acceptor acceptor;
   int accepts = 0;
+  int open = 0;
+  int resumed = 0;
   std::vector<std::string> targets;
   std::vector<std::weak_ptr<Connection>> connections;
   Signal released;  // held requests wait for it
@@ -76,8 +78,23 @@ asio::awaitable<void> serveWebSocket(Connection& connection, const http::request
   }
 }
 
+asio::awaitable<void> writeText(Connection& connection, const std::string& text) {
+  co_await asio::async_write(connection.stream, asio::buffer(text), use_awaitable);
+}
+
+asio::awaitable<void> pause(std::chrono::milliseconds duration) {
+  asio::steady_timer timer(co_await asio::this_coro::executor, duration);
+  co_await timer.async_wait(use_awaitable);
+}
+
 asio::awaitable<void> serve(std::shared_ptr<TestServer::State> state, std::shared_ptr<Connection> connection) {
+  ++state->open;
+  struct Closed {
+    TestServer::State& state;
+    ~Closed() { --state.open; }
+  } closed{*state};
   co_await connection->stream.async_handshake(asio::ssl::stream_base::server, use_awaitable);
+  if (SSL_session_reused(connection->stream.native_handle())) ++state->resumed;
   beast::flat_buffer buffer;
   for (;;) {
     http::request<http::string_body> request;
@@ -89,6 +106,24 @@ asio::awaitable<void> serve(std::shared_ptr<TestServer::State> state, std::share
     if (websocket::is_upgrade(request)) co_return co_await serveWebSocket(*connection, request);
 
     if (target == "/held") co_await waitFor(state->released);
+    if (target.starts_with("/early"))
+      co_await writeText(*connection, "HTTP/1.1 103 Early Hints\r\nLink: </a.css>\r\n\r\n");
+    if (target.starts_with("/close")) {
+      co_await writeText(*connection, "HTTP/1.1 200 OK\r\n\r\nbody of " + target);
+      co_return co_await connection->stream.async_shutdown(use_awaitable);
+    }
+    if (target == "/trickle" || target == "/silent") {
+      const int chunks = target == "/trickle" ? 12 : 1;
+      co_await writeText(*connection,
+                         "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(chunks * 100 + 1) + "\r\n\r\n");
+      for (int i = 0; i < chunks; ++i) {
+        co_await writeText(*connection, std::string(100, 'x'));
+        co_await pause(std::chrono::milliseconds(250));
+      }
+      if (target == "/silent") co_await waitFor(state->released);
+      co_await writeText(*connection, "x");
+      continue;
+    }
     http::response<http::string_body> response(http::status::ok, 11, "body of " + target);
     if (target.starts_with("/status/")) response.result(std::stoi(target.substr(8)));
     if (target.starts_with("/big")) response.body().assign(1024 * 1024 + 1, 'x');
@@ -131,6 +166,8 @@ TestServer::~TestServer() {
 
 std::uint16_t TestServer::port() const { return state_->acceptor.local_endpoint().port(); }
 int TestServer::acceptCount() const { return state_->accepts; }
+int TestServer::openCount() const { return state_->open; }
+int TestServer::resumedCount() const { return state_->resumed; }
 const std::vector<std::string>& TestServer::requestTargets() const { return state_->targets; }
 
 void TestServer::releaseHeld() { state_->released.cancel(); }

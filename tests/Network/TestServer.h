@@ -1,8 +1,8 @@
 #pragma once
 
-#include <boost/asio/io_context.hpp>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
+#include <boost/asio/io_context.hpp>
 
 #include <cstdint>
 #include <memory>
@@ -21,6 +21,7 @@ struct TestCertificate {
   // `alternativeNames` as OpenSSL's configuration files write them.
   TestCertificate issue(const std::string& alternativeNames) const;
   void writePem(const std::string& path) const;
+  void writeKeyPem(const std::string& path) const;
 
   std::shared_ptr<EVP_PKEY> key;
   std::shared_ptr<X509> certificate;
@@ -31,8 +32,12 @@ struct TestCertificate {
 //
 // It answers GET <target> with "body of <target>", except "/status/<code>"
 // with that status, "/big..." with one byte more than a service answer may
-// have, and "/held" not until releaseHeld(). An upgrade request to any path
-// becomes a WebSocket the test pushes frames into.
+// have, and "/held" not until releaseHeld(). "/early..." sends an interim
+// 103 answer first; "/close..." ends its body by closing the connection;
+// "/trickle" sends 1201 bytes, 100 every 250 ms; "/silent" sends 100 of 101
+// and the last one on releaseHeld().
+// An upgrade request to any path becomes a WebSocket the test pushes frames
+// into.
 class TestServer {
  public:
   TestServer(boost::asio::io_context& ioContext, const TestCertificate& certificate);
@@ -43,6 +48,9 @@ class TestServer {
   std::uint16_t port() const;
   // TCP connections accepted, and the targets of the HTTP requests read, so far.
   int acceptCount() const;
+  // Connections open now, and handshakes that resumed an earlier TLS session.
+  int openCount() const;
+  int resumedCount() const;
   const std::vector<std::string>& requestTargets() const;
   void releaseHeld();
   // Closes the idle keep-alive connections without a word, as a server does

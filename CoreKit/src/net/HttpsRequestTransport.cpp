@@ -1,11 +1,18 @@
 #include "qel/core/net/HttpsRequestTransport.h"
 
 #include "qel/core/QELLogging.h"
-#include "qel/core/net/HttpsSession.h"
+#include "qel/core/net/CurlMulti.h"
 #include "qel/core/net/NetworkError.h"
-#include "qel/core/net/TlsContext.h"
 
 #include <qel/RunLoop.h>
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <utility>
 
 namespace qel::core::net {
 namespace {
@@ -20,6 +27,304 @@ class FailedOperation : public TransportOperation {
 
  private:
   bool cancelled_ = false;
+};
+
+std::optional<std::string> readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return std::nullopt;
+  std::ostringstream contents;
+  contents << file.rdbuf();
+  if (file.bad()) return std::nullopt;
+  return contents.str();
+}
+
+struct SlistDeleter {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using Slist = std::unique_ptr<curl_slist, SlistDeleter>;
+
+// One GET on one easy handle, run by the loop's CurlMulti. It is its own
+// TransportOperation; the multi keeps it alive while it runs.
+class CurlAttempt : public TransportOperation, public std::enable_shared_from_this<CurlAttempt> {
+ public:
+  CurlAttempt(CurlMulti& multi, Endpoint endpoint, std::size_t bodyLimit, RequestTransport::Completion completion)
+      : multi_(multi),
+        endpoint_(std::move(endpoint)),
+        url_(endpoint_.url()),
+        bodyLimit_(bodyLimit),
+        completion_(std::move(completion)),
+        easy_(curl_easy_init()) {}
+  CurlAttempt(const CurlAttempt&) = delete;
+  CurlAttempt& operator=(const CurlAttempt&) = delete;
+  ~CurlAttempt() override { releaseEasy(); }
+
+  RequestTransport::Completion takeCompletion() { return std::move(completion_); }
+
+  // False, with `why`, when curl would not take the request.
+  bool start(const HttpsRequestTransport::Options& options, const QELConfiguration& configuration,
+             std::optional<std::string> trust, std::string* why) {
+    options_ = options;
+    trust_ = std::move(trust);
+    resolve_ = configuration.resolve;
+    // curl 7.88 does not move on from an address that never answers within
+    // one address family, so a fixed table with several addresses is walked
+    // here, one address at a time.
+    const std::string prefix = endpoint_.host + ":" + std::to_string(endpoint_.port) + ":";
+    for (auto entry = resolve_.begin(); entry != resolve_.end(); ++entry) {
+      if (!entry->starts_with(prefix)) continue;
+      std::string addresses = entry->substr(prefix.size());
+      for (std::size_t begin = 0; begin <= addresses.size();) {
+        const auto end = std::min(addresses.find(',', begin), addresses.size());
+        if (end > begin) candidates_.push_back(prefix + addresses.substr(begin, end - begin));
+        begin = end + 1;
+      }
+      resolve_.erase(entry);
+      break;
+    }
+    return launch(why);
+  }
+
+  bool launch(std::string* why) {
+    releaseEasy();
+    easy_ = curl_easy_init();
+    if (!easy_) {
+      *why = "libcurl could not make a transfer";
+      return false;
+    }
+    Slist resolve;
+    auto add = [&](const std::string& entry) {
+      if (curl_slist* grown = curl_slist_append(resolve.get(), entry.c_str())) {
+        (void)resolve.release();
+        resolve.reset(grown);
+      }
+    };
+    for (const auto& entry : resolve_) add(entry);
+    const bool lastAddress = candidate_ + 1 >= candidates_.size();
+    if (!candidates_.empty()) add(candidates_[candidate_]);
+    resolveList_ = std::move(resolve);
+    const auto& options = options_;
+    const auto& trust = trust_;
+    CURL* easy = easy_;
+    curl_easy_setopt(easy, CURLOPT_URL, url_.c_str());
+    // Only the scheme the URL policy allowed, and no redirect to any other.
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, endpoint_.tls ? "https" : "http");
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, "QELMaps/1.0");
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorText_);
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, this);
+
+    // Verification is never optional: peer and name (IP literals against
+    // the certificate's addresses), TLS 1.2 at least.
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+    curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    if (trust) {
+      // The CA file's contents, not its path: curl reuses a connection or a
+      // TLS session only under the same trust, so a rewritten file never
+      // reuses what was verified under the old one. And only that CA.
+      curl_blob blob{const_cast<char*>(trust->data()), trust->size(), CURL_BLOB_COPY};
+      curl_easy_setopt(easy, CURLOPT_CAINFO_BLOB, &blob);
+      curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+    }
+
+    const auto connectTimeout =
+        lastAddress ? options.connectTimeout : std::min(options.connectTimeout, options.addressWindow);
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectTimeout.count()));
+    // No total deadline: an attempt fails when nothing arrives for the
+    // inactivity window. curl's own low-speed check averages over seconds,
+    // which lets a peer that sent a little and went silent hang on; it stays
+    // only as the once-a-second wake-up that runs our progress check.
+    inactivityTimeout_ = options.inactivityTimeout;
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME,
+                     static_cast<long>(std::chrono::ceil<std::chrono::seconds>(inactivityTimeout_).count()) + 5L);
+    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &CurlAttempt::onProgress);
+    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, this);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &CurlAttempt::onHeader);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
+    lastActivity_ = std::chrono::steady_clock::now();
+    curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, static_cast<long>(options.maximumIdleTime.count()));
+    // Several requests to one HTTP/2 server share its connection.
+    curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
+    // A lookup still running when the attempt goes is left to finish alone
+    // instead of being waited for.
+    curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
+    if (resolveList_) curl_easy_setopt(easy, CURLOPT_RESOLVE, resolveList_.get());
+
+    curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(bodyLimit_));
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &CurlAttempt::onBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
+
+    lifetime_ = multi_.lifetime();
+    if (!multi_.add(easy, [self = shared_from_this()](CURLcode result) { self->onDone(result); })) {
+      *why = "libcurl refused the transfer";
+      return false;
+    }
+    return true;
+  }
+
+  void cancel() override {
+    if (!completion_) return;
+    completion_ = nullptr;
+    const auto self = shared_from_this();  // the multi may hold the last reference
+    if (lifetime_.lock()) multi_.remove(easy_);
+    releaseEasy();
+  }
+
+ private:
+  static std::size_t onHeader(char*, std::size_t, std::size_t size, void* context) {
+    static_cast<CurlAttempt*>(context)->lastActivity_ = std::chrono::steady_clock::now();
+    return size;
+  }
+
+  static int onProgress(void* context, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
+    auto& attempt = *static_cast<CurlAttempt*>(context);
+    const auto now = std::chrono::steady_clock::now();
+    curl_off_t requestSent = 0;
+    curl_easy_getinfo(attempt.easy_, CURLINFO_PRETRANSFER_TIME_T, &requestSent);
+    // Connecting has its own timeout; the window opens once the request goes out.
+    if (requestSent == 0 || received != attempt.received_ || sent != attempt.sent_) {
+      attempt.received_ = received;
+      attempt.sent_ = sent;
+      attempt.lastActivity_ = now;
+      return 0;
+    }
+    if (now - attempt.lastActivity_ < attempt.inactivityTimeout_) return 0;
+    attempt.inactive_ = true;
+    return 1;  // aborts the transfer
+  }
+
+  static std::size_t onBody(char* data, std::size_t, std::size_t size, void* context) {
+    auto& attempt = *static_cast<CurlAttempt*>(context);
+    attempt.lastActivity_ = std::chrono::steady_clock::now();
+    long status = 0;
+    curl_easy_getinfo(attempt.easy_, CURLINFO_RESPONSE_CODE, &status);
+    // A refusal's body is of no use; only its status is reported.
+    if (status < 200 || status >= 300) return size;
+    if (attempt.body_.size() + size > attempt.bodyLimit_) {
+      attempt.tooLarge_ = true;
+      return 0;  // aborts the transfer now, before the rest arrives
+    }
+    attempt.body_.insert(attempt.body_.end(), data, data + size);
+    return size;
+  }
+
+  // The handle goes as soon as the transfer ends: it refers to the loop's
+  // shared TLS session cache, which may go before this attempt does.
+  void releaseEasy() {
+    if (easy_) curl_easy_cleanup(std::exchange(easy_, nullptr));
+  }
+
+  void onDone(CURLcode result) {
+    if (!completion_) return;
+    if (result != CURLE_OK) {
+      curl_off_t connected = 0;
+      curl_easy_getinfo(easy_, CURLINFO_CONNECT_TIME_T, &connected);
+      const bool unreached = connected == 0 && (result == CURLE_COULDNT_CONNECT || result == CURLE_OPERATION_TIMEDOUT);
+      if (unreached && candidate_ + 1 < candidates_.size()) {
+        QELLogging::log("GET %s: %s did not answer, trying the next address", 4, kDomain, url_,
+                        candidates_[candidate_]);
+        ++candidate_;
+        std::string why;
+        if (launch(&why)) return;
+      }
+      auto error = errorFor(result);
+      releaseEasy();
+      return fail(std::move(error));
+    }
+    long status = 0;
+    curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+    long connects = 0;
+    curl_easy_getinfo(easy_, CURLINFO_NUM_CONNECTS, &connects);
+    char* redirect = nullptr;
+    curl_easy_getinfo(easy_, CURLINFO_REDIRECT_URL, &redirect);
+    const std::optional<std::string> location = redirect ? std::optional<std::string>(redirect) : std::nullopt;
+    releaseEasy();
+    if (status >= 300 && status < 400) {
+      return fail(
+          networkError(NetworkErrorCode::Redirect, "redirect refused: status " + std::to_string(status) +
+                                                       (location ? " to \"" + *location + "\"" : std::string())));
+    }
+    if (status < 200 || status >= 300) {
+      return fail(Error{kHTTPStatusErrorDomain, static_cast<int>(status),
+                        "the server answered with status " + std::to_string(status)});
+    }
+    QELLogging::log("GET %s: %d, %lu bytes on a %s connection", 4, kDomain, url_, static_cast<int>(status),
+                    static_cast<unsigned long>(body_.size()), connects > 0 ? "new" : "kept-alive");
+    finish(TransportResult{std::nullopt, std::move(body_)});
+  }
+
+  Error errorFor(CURLcode result) const {
+    std::string detail = errorText_[0] ? std::string(errorText_) : std::string(curl_easy_strerror(result));
+    switch (result) {
+      case CURLE_WRITE_ERROR:
+      case CURLE_FILESIZE_EXCEEDED:
+        if (result == CURLE_FILESIZE_EXCEEDED || tooLarge_) {
+          return networkError(NetworkErrorCode::TooLarge,
+                              "the response is larger than the " + std::to_string(bodyLimit_) + " bytes allowed");
+        }
+        return networkError(NetworkErrorCode::Io, detail);
+      case CURLE_COULDNT_RESOLVE_HOST:
+        return networkError(NetworkErrorCode::Resolve, detail);
+      case CURLE_COULDNT_CONNECT:
+        return networkError(NetworkErrorCode::Connect, detail);
+      case CURLE_ABORTED_BY_CALLBACK:
+        if (!inactive_) return networkError(NetworkErrorCode::Io, detail);
+        return networkError(NetworkErrorCode::Timeout,
+                            "nothing arrived for " + std::to_string(inactivityTimeout_.count()) + " ms");
+      case CURLE_OPERATION_TIMEDOUT:
+        return networkError(NetworkErrorCode::Timeout, detail);
+      case CURLE_PEER_FAILED_VERIFICATION:
+      case CURLE_SSL_CONNECT_ERROR:
+      case CURLE_SSL_CACERT_BADFILE:
+      case CURLE_SSL_CERTPROBLEM:
+      case CURLE_SSL_CIPHER:
+      case CURLE_SSL_ISSUER_ERROR:
+      case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+        return networkError(NetworkErrorCode::Handshake, detail);
+      case CURLE_UNSUPPORTED_PROTOCOL:
+        return networkError(NetworkErrorCode::RefusedURL, detail);
+      case CURLE_URL_MALFORMAT:
+        return networkError(NetworkErrorCode::InvalidURL, detail);
+      default:
+        return networkError(NetworkErrorCode::Io, detail);
+    }
+  }
+
+  void fail(Error error) {
+    QELLogging::log("GET %s failed: %s", 2, kDomain, url_, error.localizedDescription);
+    finish(TransportResult{std::move(error), {}});
+  }
+
+  void finish(TransportResult result) {
+    auto completion = std::move(completion_);
+    completion_ = nullptr;
+    if (completion) completion(std::move(result));
+  }
+
+  CurlMulti& multi_;
+  std::weak_ptr<void> lifetime_;
+  Endpoint endpoint_;
+  std::string url_;
+  std::size_t bodyLimit_;
+  RequestTransport::Completion completion_;
+  CURL* easy_;
+  HttpsRequestTransport::Options options_;
+  std::optional<std::string> trust_;
+  std::vector<std::string> resolve_;     // the table without this host's entry
+  std::vector<std::string> candidates_;  // "host:port:address", one per address
+  std::size_t candidate_ = 0;
+  Slist resolveList_;
+  Data body_;
+  bool tooLarge_ = false;
+  std::chrono::milliseconds inactivityTimeout_{};
+  std::chrono::steady_clock::time_point lastActivity_{};
+  curl_off_t received_ = 0;
+  curl_off_t sent_ = 0;
+  bool inactive_ = false;
+  char errorText_[CURL_ERROR_SIZE] = {};
 };
 
 }  // namespace
@@ -42,30 +347,31 @@ std::shared_ptr<TransportOperation> HttpsRequestTransport::start(const QELReques
   if (!decision.endpoint) {
     QELLogging::log("Request not sent: %s", 2, kDomain, decision.refusal);
     const auto code = request.requestURL() && !request.requestURL()->empty() ? NetworkErrorCode::RefusedURL
-                                                                              : NetworkErrorCode::InvalidURL;
+                                                                             : NetworkErrorCode::InvalidURL;
     return failLater(networkError(code, decision.refusal));
   }
 
-  HttpsSession::Settings settings;
-  settings.endpoint = std::move(*decision.endpoint);
-  settings.caFile = configuration.caFile;
-  if (settings.endpoint.tls) {
-    std::string why;
-    settings.tlsContext = TlsContext::forCaFile(configuration.caFile, &why);
-    if (!settings.tlsContext) {
-      QELLogging::log("Request to %s not sent: %s", 2, kDomain, settings.endpoint.url(), why);
+  std::optional<std::string> trust;
+  if (decision.endpoint->tls && configuration.caFile && !configuration.caFile->empty()) {
+    trust = readFile(*configuration.caFile);
+    if (!trust || trust->empty()) {
+      const auto why = "cannot read the CA file \"" + *configuration.caFile + "\"";
+      QELLogging::log("Request to %s not sent: %s", 2, kDomain, decision.endpoint->url(), why);
       return failLater(networkError(NetworkErrorCode::TlsSetup, why));
     }
   }
-  settings.bodyLimit = request.maximumResponseSize();
-  settings.connectTimeout = options_.connectTimeout;
-  settings.requestTimeout = options_.requestTimeout;
-  settings.maximumIdlePerHost = options_.maximumIdlePerHost;
-  settings.maximumIdleTime = options_.maximumIdleTime;
 
-  auto session = std::make_shared<HttpsSession>(loop.context(), std::move(settings), std::move(completion));
-  session->run();
-  return session;
+  auto& multi = CurlMulti::of(loop.context());
+  multi.setLimits({options_.maximumIdleTime, options_.maximumConnections});
+  auto attempt = std::make_shared<CurlAttempt>(multi, std::move(*decision.endpoint), request.maximumResponseSize(),
+                                               std::move(completion));
+  std::string why;
+  if (!attempt->start(options_, configuration, trust, &why)) {
+    completion = attempt->takeCompletion();
+    QELLogging::log("Request not sent: %s", 2, kDomain, why);
+    return failLater(networkError(NetworkErrorCode::Io, why));
+  }
+  return attempt;
 }
 
 }  // namespace qel::core::net

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace qel::core {
 
@@ -16,12 +17,17 @@ namespace qel::core {
 //   caFile          QEL_CA_FILE            (the system's trust store)
 //   eventPath       QEL_EVENT_PATH         "/skelion/events"
 //   logThreshold    QEL_LOG_LEVEL          3
+// `resolve` has no fallback.
 struct QEL_EXPORT QELConfiguration {
   std::optional<std::string> host;
   std::optional<std::uint16_t> port;
   std::optional<std::string> caFile;
   std::optional<std::string> eventPath;
   std::optional<int> logThreshold;
+  // A fixed host table for both channels: entries "HOST:PORT:ADDR[,ADDR...]"
+  // replace the name lookup for that host and port (addresses are tried in
+  // the order given). For tests and for cabins without working DNS.
+  std::vector<std::string> resolve;
 
   // Replaces the application's settings (the log threshold is applied now).
   static void set(const QELConfiguration& configuration);

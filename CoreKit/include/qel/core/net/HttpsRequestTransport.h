@@ -10,10 +10,19 @@
 
 namespace qel::core::net {
 
-// The request transport that goes over the network: GET over HTTPS (or HTTP
-// where a service URL says so), keep-alive connections reused per host, a
-// connect timeout and a whole-request timeout, redirects refused, bodies
-// bounded by the request's maximum response size, non-2xx answers failed.
+// The request transport that goes over the network: GET over verified HTTPS
+// (or HTTP where a service URL says so) on libcurl, run by the calling
+// thread's run loop (see CurlMulti). Connections and TLS sessions are reused
+// per server, HTTP/2 where the server offers it; redirects are refused, bodies
+// are bounded by the request's maximum response size while they arrive, and
+// non-2xx answers fail.
+//
+// Time limits: connecting (name lookup, TCP and TLS) must finish within
+// connectTimeout. A name with several addresses in the configured host table
+// gets addressWindow per address but the last, so a dead first address costs
+// a quarter of a second. After that an attempt fails only when no byte arrives for
+// inactivityTimeout: a large picture on a slow link may take as long as it
+// keeps coming.
 //
 // One start() is one attempt; retrying is the queue's business.
 //
@@ -23,16 +32,24 @@ namespace qel::core::net {
 //   auto queue = QELRequestQueue::create();  // uses the shared transport
 class HttpsRequestTransport : public RequestTransport {
  public:
-  static constexpr std::chrono::seconds kConnectTimeout{5};
-  static constexpr std::chrono::seconds kRequestTimeout{15};
-  static constexpr std::size_t kMaximumIdlePerHost = 4;
+  static constexpr std::chrono::seconds kConnectTimeout{2};
+  static constexpr std::chrono::milliseconds kAddressWindow{250};
+  static constexpr std::chrono::seconds kInactivityTimeout{10};
   static constexpr std::chrono::seconds kMaximumIdleTime{30};
+  static constexpr long kMaximumConnections = 8;
 
   struct Options {
-    std::chrono::steady_clock::duration connectTimeout = kConnectTimeout;
-    std::chrono::steady_clock::duration requestTimeout = kRequestTimeout;
-    std::size_t maximumIdlePerHost = kMaximumIdlePerHost;
-    std::chrono::steady_clock::duration maximumIdleTime = kMaximumIdleTime;
+    std::chrono::milliseconds connectTimeout = kConnectTimeout;
+    // Each address of a name in the configured host table but the last gets
+    // this long before the next one is tried.
+    std::chrono::milliseconds addressWindow = kAddressWindow;
+    // Checked about once a second, so a silent peer fails within this and a
+    // second more.
+    std::chrono::milliseconds inactivityTimeout = kInactivityTimeout;
+    // An unused connection is closed after this long.
+    std::chrono::seconds maximumIdleTime = kMaximumIdleTime;
+    // Connections kept open per run loop, in use or idle.
+    long maximumConnections = kMaximumConnections;
     UrlPolicy::Options urlPolicy;
     // Used instead of QELConfiguration::effective() when set.
     std::optional<QELConfiguration> configuration;

@@ -1,0 +1,248 @@
+// The framework against a real web server: nginx serves the map data and the
+// pictures as files that the test rewrites between updates, over HTTP/2 on
+// one port and HTTP/1.1 on another, and passes the event channel on to a
+// small WebSocket server. The test runs its own nginx (its own prefix and
+// configuration, loopback, free ports) and stops it again.
+
+#include "../Network/TestServer.h"
+
+#include <QELMaps/QELMaps.h>
+
+#include <cabinsim/Events.h>
+#include <cabinsim/MapRenderer.h>
+
+#include <qel/RunLoop.h>
+#include <qel/core/QELHostname.h>
+#include <qel/core/QELRequest.h>
+#include <qel/core/net/HttpsRequestTransport.h>
+
+#include <gtest/gtest.h>
+#include <boost/asio/ip/tcp.hpp>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+extern char** environ;
+
+namespace qel {
+namespace {
+
+using namespace std::chrono_literals;
+using core::net::testing::TestCertificate;
+using core::net::testing::TestServer;
+namespace fs = std::filesystem;
+
+std::uint16_t freePort() {
+  boost::asio::io_context context;
+  boost::asio::ip::tcp::acceptor probe(context, {boost::asio::ip::make_address("127.0.0.1"), 0});
+  return probe.local_endpoint().port();
+}
+
+std::string readAll(const fs::path& path) {
+  std::ifstream file(path);
+  std::stringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+class NginxTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(prefix_ / "www/maps");
+    fs::create_directories(prefix_ / "www/skelion/services/maps/v1");
+    fs::create_directories(prefix_ / "tmp");
+    const auto server = authority_.issue("IP:127.0.0.1");
+    server.writePem((prefix_ / "server.pem").string());
+    server.writeKeyPem((prefix_ / "server.key").string());
+    authority_.writePem((prefix_ / "ca.pem").string());
+
+    std::ofstream(prefix_ / "nginx.conf") << R"(
+error_log )" << (prefix_ / "error.log").string()
+                                          << R"( warn;
+pid nginx.pid;
+events { worker_connections 64; }
+http {
+  default_type application/json;
+  types { image/png png; }
+  log_format test '$server_port $server_protocol $request_uri $status $connection';
+  access_log )" << (prefix_ / "access.log").string()
+                                          << R"( test;
+  client_body_temp_path tmp; proxy_temp_path tmp; fastcgi_temp_path tmp; uwsgi_temp_path tmp; scgi_temp_path tmp;
+  ssl_certificate server.pem;
+  ssl_certificate_key server.key;
+  root )" << (prefix_ / "www").string() << R"(;
+  server {
+    listen 127.0.0.1:)" << http2Port_ << R"( ssl http2;
+    location /slow/ { limit_rate 32k; }
+    location /skelion/events { proxy_pass https://127.0.0.1:)"
+                                          << events_.port() << R"(; include ws.conf; }
+  }
+  server {
+    listen 127.0.0.1:)" << http11Port_ << R"( ssl;
+    location /skelion/events { proxy_pass https://127.0.0.1:)"
+                                          << events_.port() << R"(; include ws.conf; }
+  }
+}
+)";
+    std::ofstream(prefix_ / "ws.conf") << "proxy_http_version 1.1;\n"
+                                          "proxy_set_header Upgrade $http_upgrade;\n"
+                                          "proxy_set_header Connection upgrade;\n"
+                                          "proxy_read_timeout 1h;\n";
+    const std::string prefix = prefix_.string() + "/";
+    const char* argv[] = {
+        QEL_NGINX, "-p", prefix.c_str(), "-c", "nginx.conf", "-e", "error.log", "-g", "daemon off; master_process off;",
+        nullptr};
+    ASSERT_EQ(posix_spawn(&nginx_, QEL_NGINX, nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+    // Ready once both ports accept.
+    const bool ready = loop().runUntil(
+        [&] {
+          int status = 0;
+          if (waitpid(nginx_, &status, WNOHANG) == nginx_) return (nginx_ = 0), true;
+          loop().runFor(10ms);
+          return accepts(http2Port_) && accepts(http11Port_);
+        },
+        10s);
+    ASSERT_TRUE(ready && nginx_ != 0) << "nginx did not start: " << readAll(prefix_ / "error.log");
+  }
+
+  void TearDown() override {
+    if (nginx_ > 0) {
+      kill(nginx_, SIGTERM);
+      waitpid(nginx_, nullptr, 0);
+    }
+    core::QELConfiguration::set({});
+    fs::remove_all(prefix_);
+  }
+
+  static RunLoop& loop() { return RunLoop::current(); }
+  static bool accepts(std::uint16_t port) {
+    boost::asio::io_context context;
+    boost::asio::ip::tcp::socket socket(context);
+    boost::system::error_code error;
+    socket.connect({boost::asio::ip::make_address("127.0.0.1"), port}, error);
+    return !error;
+  }
+
+  // Publishes picture `sequence` at 800x600: the file first, then the map
+  // data that names it. Returns the "images" text for an update event.
+  std::string publish(int sequence) {
+    cabinsim::MapScene scene;
+    scene.sequence = static_cast<std::uint64_t>(sequence);
+    const std::string path = "/maps/" + std::to_string(sequence) + ".png";
+    std::ofstream(prefix_ / ("www" + path), std::ios::binary) << renderer_.renderPng(scene, 800, 600);
+    const std::string images = R"([{"width":800,"height":600,"src":")" + path + R"("}])";
+    std::ofstream(prefix_ / "www/skelion/services/maps/v1/flight_map") << R"({"images":)" << images << "}";
+    return images;
+  }
+
+  fs::path prefix_ = fs::temp_directory_path() / ("qelmaps-nginx-" + std::to_string(::getpid()));
+  TestCertificate authority_ = TestCertificate::authority("QEL Test CA");
+  TestServer events_{loop().context(), authority_.issue("IP:127.0.0.1")};
+  std::uint16_t http2Port_ = freePort();
+  std::uint16_t http11Port_ = freePort();
+  cabinsim::MapRenderer renderer_;
+  pid_t nginx_ = 0;
+};
+
+TEST_F(NginxTest, MapDataAndPicturesComeFromFilesOverHttp2AndHttp11) {
+  int sequence = 0;
+  for (const auto port : {http2Port_, http11Port_}) {
+    SCOPED_TRACE("port " + std::to_string(port));
+    core::QELConfiguration configuration;
+    configuration.host = "127.0.0.1";
+    configuration.port = port;
+    configuration.caFile = (prefix_ / "ca.pem").string();
+    core::QELConfiguration::set(configuration);
+    publish(++sequence);
+
+    const auto eventChannels = [&] {
+      const auto& targets = events_.requestTargets();
+      return std::count(targets.begin(), targets.end(), "/skelion/events");
+    };
+    auto maps = QELBroadcastMapsV1::create();
+    maps->setCurrentResolutionWithCGSize({800, 600});
+    maps->start();
+    ASSERT_TRUE(loop().runUntil([&] { return maps->mapImage() != nullptr; }, 15s)) << readAll(prefix_ / "error.log");
+    const auto first = maps->mapImage();
+    // The process keeps one event channel; it may still be the first round's.
+    ASSERT_TRUE(loop().runUntil([&] { return eventChannels() > 0; }, 10s));
+
+    // The next update: new files, then the event that announces them.
+    events_.send(cabinsim::makeUpdateEvent(publish(++sequence)));
+    ASSERT_TRUE(loop().runUntil([&] { return maps->mapImage() != first; }, 15s)) << readAll(prefix_ / "error.log");
+    EXPECT_FALSE(*maps->mapImage() == *first);
+    maps->stop();
+  }
+  // The map data is loaded once per process, so only the first round asks.
+  const auto log = readAll(prefix_ / "access.log");
+  EXPECT_NE(log.find(std::to_string(http2Port_) + " HTTP/2.0 /skelion/services/maps/v1/flight_map 200"),
+            std::string::npos)
+      << log;
+  for (const auto& [port, protocol] : {std::pair{http2Port_, "HTTP/2.0"}, std::pair{http11Port_, "HTTP/1.1"}}) {
+    EXPECT_NE(log.find(std::to_string(port) + " " + protocol + " /maps/"), std::string::npos) << log;
+  }
+}
+
+TEST_F(NginxTest, ACancelledHttp2DownloadResetsItsStreamAndKeepsTheConnection) {
+  core::QELConfiguration configuration;
+  configuration.host = "127.0.0.1";
+  configuration.port = http2Port_;
+  configuration.caFile = (prefix_ / "ca.pem").string();
+  core::QELConfiguration::set(configuration);
+  publish(1);
+  fs::create_directories(prefix_ / "www/slow");
+  std::ofstream(prefix_ / "www/slow/big.png") << std::string(1 << 20, 'x');  // 32 s at nginx's rate
+
+  core::net::HttpsRequestTransport transport;
+  int finished = 0;
+  const auto fetch = [&](const std::string& path, bool* cancelledCalledBack = nullptr) {
+    const auto request = core::QELImageDownloadRequest::initWithImageURL(path, {});
+    return transport.start(*request, [&finished, cancelledCalledBack](core::TransportResult result) {
+      if (cancelledCalledBack) *cancelledCalledBack = true;
+      EXPECT_FALSE(result.error) << result.error->localizedDescription;
+      ++finished;
+    });
+  };
+  fetch("/maps/1.png");
+  ASSERT_TRUE(loop().runUntil([&] { return finished == 1; }, 10s));
+  // The slow download goes out before the next request on the same
+  // connection, so once that one is answered the slow one is under way.
+  bool calledBack = false;
+  const auto slow = fetch("/slow/big.png", &calledBack);
+  fetch("/maps/1.png?second");
+  ASSERT_TRUE(loop().runUntil([&] { return finished == 2; }, 10s));
+  slow->cancel();
+  fetch("/maps/1.png?third");
+  ASSERT_TRUE(loop().runUntil([&] { return finished == 3; }, 10s));
+  EXPECT_FALSE(calledBack);
+
+  // nginx logs each stream when it ends; every one was on one connection.
+  std::set<std::string> connections;
+  bool slowLogged = false;
+  ASSERT_TRUE(loop().runUntil(
+      [&] {
+        std::istringstream log(readAll(prefix_ / "access.log"));
+        connections.clear();
+        for (std::string port, protocol, uri, status, connection;
+             log >> port >> protocol >> uri >> status >> connection;) {
+          connections.insert(connection);
+          slowLogged = slowLogged || uri == "/slow/big.png";
+        }
+        loop().runFor(10ms);
+        return slowLogged;
+      },
+      10s))
+      << "the slow download was not ended";
+  EXPECT_EQ(connections.size(), 1u) << readAll(prefix_ / "access.log");
+}
+
+}  // namespace
+}  // namespace qel
