@@ -5,7 +5,9 @@
 //   #include <QELMaps/QELMaps.h>
 //   auto maps = qel::QELBroadcastMapsV1::create();
 
+#include <QELMaps/QELBroadcastMapsHost.h>
 #include <QELMaps/QELBroadcastMapsNotifications.h>
+#include <QELMaps/QELBroadcastMapsSnapshot.h>
 #include <QELMaps/QELBroadcastMapsV1.h>
 
 #include <qel/Format.h>
