@@ -20,7 +20,10 @@ constexpr std::string_view kMapInfoKeyPath = "mapInfo";
 
 // Lazily made, never released: one image download at a time for every engine
 // of the process, so that several services never compete for the cabin link.
-std::shared_ptr<core::QELRequestQueue> sharedImageQueue;
+// One per thread, because a queue posts to the loop it was made on: a host's
+// loop thread may end while the process goes on, and the next host's thread
+// needs a queue of its own. Services only ever live on one thread at a time.
+thread_local std::shared_ptr<core::QELRequestQueue> sharedImageQueue;
 
 // A size as the engine compares it: through single precision, the way the
 // record's values are read, so a listed resolution always matches its entry.

@@ -1,0 +1,130 @@
+#include "Host/_QELBroadcastMapsHostThread.h"
+
+#include "BroadcastMaps/_QELBroadcastMaps.h"
+
+#include <QELMaps/QELBroadcastMapsNotifications.h>
+
+#include <qel/NotificationCenter.h>
+#include <qel/core/QELLogging.h>
+
+#include <future>
+#include <string_view>
+
+namespace qel::internal {
+
+namespace {
+
+constexpr std::string_view kDomain = lastPathComponent(__FILE__);
+
+// An observer identity for the notification centre; it does nothing itself.
+class Observer : public Object {};
+
+std::optional<QELBroadcastMapsHostEvent> eventNamed(std::string_view name) {
+  using Event = QELBroadcastMapsHostEvent;
+  for (auto event : {Event::AvailableResolutionsDidChange, Event::ImageDidChange, Event::ImageDidStopReceivingImage,
+                     Event::Error, Event::ImageDidStartReceivingImage}) {
+    if (QELBroadcastMapsHost::notificationName(event) == name) return event;
+  }
+  return std::nullopt;
+}
+
+// Equal in everything the application reads; the version is not compared.
+bool sameState(const QELBroadcastMapsSnapshot& a, const QELBroadcastMapsSnapshot& b) {
+  return a.image == b.image && a.resolutions == b.resolutions && a.currentResolution == b.currentResolution &&
+         a.receiving == b.receiving && a.hasMapData == b.hasMapData;
+}
+
+}  // namespace
+
+QELBroadcastMapsHostThread::QELBroadcastMapsHostThread(std::shared_ptr<QELBroadcastMapsHostBoundary> boundary,
+                                                       std::optional<core::QELConfiguration> configuration)
+    : boundary_(std::move(boundary)) {
+  std::promise<void> started;
+  auto ready = started.get_future();
+  thread_ = std::thread([this, configuration = std::move(configuration), started = std::move(started)]() mutable {
+    run(std::move(configuration), [&started] { started.set_value(); });
+  });
+  // The members the thread sets before it says it is ready are read here
+  // only after the future, which orders them.
+  ready.wait();
+  if (!service_) thread_.join();
+}
+
+QELBroadcastMapsHostThread::~QELBroadcastMapsHostThread() {
+  if (!thread_.joinable()) return;
+  // After every operation already posted: the service goes on its own thread,
+  // then the loop ends.
+  loop_->post([this] {
+    core::QELLogging::log("Host: stopping the service.", 4, kDomain);
+    NotificationCenter::defaultCenter().removeObserver(observer_.get());
+    service_->stop();
+    service_.reset();
+    loop_->stop();
+  });
+  thread_.join();
+}
+
+void QELBroadcastMapsHostThread::post(std::function<void(QELBroadcastMapsV1&)> operation) {
+  loop_->post([this, operation = std::move(operation)] {
+    operation(*service_);
+    publish(std::nullopt);
+  });
+}
+
+void QELBroadcastMapsHostThread::run(std::optional<core::QELConfiguration> configuration, std::function<void()> ready) {
+  threadChecker_ = std::make_unique<ThreadChecker>();
+  auto& loop = RunLoop::current();
+  loop_ = &loop;
+  if (configuration) core::QELConfiguration::set(*configuration);
+  service_ = QELBroadcastMapsV1::create();
+  if (!service_) {
+    core::QELLogging::log("Host: the map service could not be made.", 1, kDomain);
+    ready();
+    return;
+  }
+  observer_ = std::make_shared<Observer>();
+  NotificationCenter::defaultCenter().addObserver(
+      observer_, [this](const Notification& notification) { notificationReceived(notification); }, {}, service_);
+  publish(std::nullopt);
+  ready();
+  loop.run();
+}
+
+void QELBroadcastMapsHostThread::notificationReceived(const Notification& notification) {
+  threadChecker_->check();
+  const auto event = eventNamed(notification.name());
+  if (!event) return;
+  // Always a new snapshot: the handler of this notification must find the
+  // state it announces, even when an earlier one already showed it.
+  auto snapshot = makeSnapshot();
+  snapshot.version = published_->version + 1;
+  published_ = std::make_shared<const QELBroadcastMapsSnapshot>(std::move(snapshot));
+  boundary_->publish(published_, event);
+}
+
+void QELBroadcastMapsHostThread::publish(std::optional<QELBroadcastMapsHostEvent> event) {
+  threadChecker_->check();
+  auto snapshot = makeSnapshot();
+  if (published_ && sameState(*published_, snapshot)) return;
+  snapshot.version = published_ ? published_->version + 1 : 1;
+  published_ = std::make_shared<const QELBroadcastMapsSnapshot>(std::move(snapshot));
+  // A change made by a call is announced as such once a snapshot exists to
+  // differ from.
+  if (!event && published_->version > 1) event = QELBroadcastMapsHostEvent::StateDidChange;
+  boundary_->publish(published_, event);
+}
+
+QELBroadcastMapsSnapshot QELBroadcastMapsHostThread::makeSnapshot() const {
+  QELBroadcastMapsSnapshot snapshot;
+  snapshot.image = service_->mapImage();
+  if (const auto resolutions = service_->availableResolutions()) {
+    snapshot.resolutions.reserve(resolutions->size());
+    for (const auto& resolution : *resolutions) snapshot.resolutions.push_back(resolution->CGSize());
+    snapshot.hasMapData = !snapshot.resolutions.empty();
+  }
+  if (const auto current = service_->currentResolution()) snapshot.currentResolution = current->CGSize();
+  snapshot.receiving = service_->broadcastMaps()->shouldDownloadImages();
+  return snapshot;
+}
+
+}  // namespace qel::internal

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "Host/_QELBroadcastMapsHostBoundary.h"
+
+#include <QELMaps/QELBroadcastMapsV1.h>
+
+#include <qel/Notification.h>
+#include <qel/Object.h>
+#include <qel/RunLoop.h>
+#include <qel/ThreadChecker.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <thread>
+
+namespace qel::internal {
+
+// The thread behind a QELBroadcastMapsHost: it runs a qel::RunLoop, makes
+// the service on it, follows the service's notifications and publishes a
+// snapshot to the boundary after each change.
+//
+// Everything but the constructor, post() and the destructor runs on the
+// loop thread, where the service lives; the constructor returns once the
+// service is made (or failed to be), the destructor once the service is gone
+// and the thread has ended.
+//
+// Threading: construct, post() and destroy from any thread; the rest is the
+// loop thread's.
+//
+//   QELBroadcastMapsHostThread thread(boundary, configuration);
+//   if (thread.isReady()) thread.post([&thread] { thread.service()->start();
+//   });
+class QELBroadcastMapsHostThread {
+ public:
+  QELBroadcastMapsHostThread(std::shared_ptr<QELBroadcastMapsHostBoundary> boundary,
+                             std::optional<core::QELConfiguration> configuration);
+  QELBroadcastMapsHostThread(const QELBroadcastMapsHostThread&) = delete;
+  QELBroadcastMapsHostThread& operator=(const QELBroadcastMapsHostThread&) = delete;
+  ~QELBroadcastMapsHostThread();
+
+  // The service was made and the loop is running.
+  bool isReady() const { return service_ != nullptr; }
+
+  // Runs `operation` on the loop with the service, in the order posted, then
+  // publishes the snapshot if the operation changed it.
+  void post(std::function<void(QELBroadcastMapsV1&)> operation);
+
+ private:
+  // Loop thread.
+  void run(std::optional<core::QELConfiguration> configuration, std::function<void()> ready);
+  void notificationReceived(const Notification& notification);
+  void publish(std::optional<QELBroadcastMapsHostEvent> event);
+  QELBroadcastMapsSnapshot makeSnapshot() const;
+
+  const std::shared_ptr<QELBroadcastMapsHostBoundary> boundary_;
+  RunLoop* loop_ = nullptr;  // set before the constructor returns, valid until
+                             // the thread ends
+  std::shared_ptr<QELBroadcastMapsV1> service_;
+  std::shared_ptr<Object> observer_;
+  std::shared_ptr<const QELBroadcastMapsSnapshot> published_;
+  std::unique_ptr<ThreadChecker> threadChecker_;
+  std::thread thread_;
+};
+
+}  // namespace qel::internal

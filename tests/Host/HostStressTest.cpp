@@ -1,0 +1,243 @@
+// The host as an application with a loop of its own uses it: calls from
+// that thread in random order while the simulator pushes updates and drops
+// the event channel, hosts destroyed while deliveries are queued or running.
+// Run under ThreadSanitizer and AddressSanitizer, a race, a use after free
+// or a late call fails here.
+
+#include <QELMaps/QELMaps.h>
+
+#include <cabinsim/Server.h>
+
+#include <boost/asio/post.hpp>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <random>
+#include <thread>
+
+namespace qel {
+namespace {
+
+using namespace std::chrono_literals;
+using Event = QELBroadcastMapsHostEvent;
+
+// The simulator on a thread of its own, with small pictures so that
+// rendering stays cheap under the sanitizers.
+class Simulator {
+ public:
+  explicit Simulator(double dropEverySeconds) {
+    cabinsim::ServerOptions options;
+    options.intervalSeconds = 0.05;
+    options.resolutions = {{160, 120}, {80, 60}, {40, 30}};
+    options.faults.dropEventsEverySeconds = dropEverySeconds;
+    server_ = std::make_unique<cabinsim::Server>(ioc_, options);
+    configuration_.host = "127.0.0.1";
+    configuration_.port = server_->start();
+    configuration_.caFile = (directory_ / "ca.pem").string();
+    configuration_.logThreshold = 1;
+    std::filesystem::create_directories(directory_);
+    std::ofstream(*configuration_.caFile) << server_->trustAnchorPem();
+    thread_ = std::thread([this] { ioc_.run(); });
+  }
+  ~Simulator() {
+    boost::asio::post(ioc_, [this] { server_.reset(); });
+    thread_.join();
+    std::filesystem::remove_all(directory_);
+  }
+  const core::QELConfiguration& configuration() const { return configuration_; }
+
+ private:
+  std::filesystem::path directory_ =
+      std::filesystem::temp_directory_path() / ("qelmaps-host-" + std::to_string(::getpid()));
+  boost::asio::io_context ioc_;
+  std::unique_ptr<cabinsim::Server> server_;
+  core::QELConfiguration configuration_;
+  std::thread thread_;
+};
+
+// The application's main loop, on a thread of its own as a UI toolkit's
+// would be; the executor posts onto it.
+class ApplicationThread {
+ public:
+  ApplicationThread() {
+    std::promise<RunLoop*> started;
+    auto loop = started.get_future();
+    thread_ = std::thread([&started] {
+      auto& loop = RunLoop::current();
+      started.set_value(&loop);
+      loop.run();
+    });
+    loop_ = loop.get();
+    id_ = thread_.get_id();
+  }
+  ~ApplicationThread() {
+    loop_->post([loop = loop_] { loop->stop(); });
+    thread_.join();
+  }
+  QELBroadcastMapsHost::Executor executor() {
+    return [loop = loop_](QELBroadcastMapsHost::Task task) { loop->post(std::move(task)); };
+  }
+  std::thread::id id() const { return id_; }
+
+ private:
+  std::thread thread_;
+  RunLoop* loop_ = nullptr;
+  std::thread::id id_;
+};
+
+bool wellFormed(const std::shared_ptr<const Image>& image) {
+  return !image || image->pixels().size() == image->width() * image->height() * 4;
+}
+
+// Everything handlers saw that they should not have, counted across threads.
+struct Observed {
+  std::thread::id expectedThread;
+  std::atomic<bool> destroyed{false};
+  std::atomic<std::uint64_t> lastVersion{0};
+  std::atomic<int> wrongThread{0}, afterDestruction{0}, outOfOrder{0}, inconsistent{0};
+  std::atomic<int> images{0}, errors{0}, deliveries{0};
+
+  QELBroadcastMapsHost::Handler handler() {
+    return [this](Event event, const QELBroadcastMapsHost::Snapshot& snapshot) {
+      if (std::this_thread::get_id() != expectedThread) ++wrongThread;
+      if (destroyed.load()) ++afterDestruction;
+      // Deliveries keep the order of the changes they announce.
+      if (snapshot->version <= lastVersion.exchange(snapshot->version)) ++outOfOrder;
+      if (snapshot->hasMapData == snapshot->resolutions.empty()) ++inconsistent;
+      if (event == Event::Error) {
+        ++errors;
+        if (snapshot->hasMapData) ++inconsistent;
+      }
+      if (event == Event::ImageDidChange && snapshot->image) {
+        ++images;
+        if (!wellFormed(snapshot->image)) ++inconsistent;
+      }
+      ++deliveries;
+    };
+  }
+};
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds timeout = 20s) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+TEST(HostStressTest, RandomCallsFromTheApplicationWhileTheServerPushesAndDrops) {
+  Simulator simulator(/*dropEverySeconds=*/0.2);
+  ApplicationThread application;
+  Observed observed;
+  observed.expectedThread = application.id();
+
+  constexpr int kHosts = 5;
+  constexpr int kCalls = 1000;
+  const std::vector<CGSize> sizes = {{160, 120}, {80, 60}, {40, 30}, {123, 45}};
+  std::mt19937 random(20261122);
+  for (int round = 0; round < kHosts; ++round) {
+    observed.destroyed = false;
+    observed.lastVersion = 0;
+    auto host = QELBroadcastMapsHost::create({application.executor(), observed.handler(), simulator.configuration()});
+    ASSERT_TRUE(host);
+    EXPECT_FALSE(QELBroadcastMapsHost::create({})) << "a second host would share the service's state";
+
+    const int imagesBefore = observed.images;
+    for (int call = 0; call < kCalls; ++call) {
+      switch (random() % 5) {
+        case 0:
+          host->start();
+          break;
+        case 1:
+          host->stop();
+          break;
+        case 2:
+          host->setCurrentResolutionWithCGSize(sizes[random() % sizes.size()]);
+          break;
+        case 3:
+          host->clearCurrentResolution();
+          break;
+        default:
+          EXPECT_TRUE(wellFormed(host->snapshot()->image));
+      }
+      // Let the network move now and then, so calls meet updates and drops.
+      if (call % 40 == 0) std::this_thread::sleep_for(5ms);
+    }
+    host->start();
+    ASSERT_TRUE(waitUntil([&] { return observed.images > imagesBefore; })) << "no picture in round " << round;
+
+    // A burst of changes, then the host goes: in even rounds while the
+    // application's loop is held up, so that the deliveries wait there; in
+    // odd ones while they are running.
+    std::promise<void> release;
+    if (round % 2 == 0) {
+      application.executor()([held = release.get_future().share()] { held.wait(); });
+    }
+    for (int call = 0; call < 50; ++call) {
+      host->setCurrentResolutionWithCGSize(sizes[call % sizes.size()]);
+      host->clearCurrentResolution();
+    }
+    host.reset();
+    observed.destroyed = true;
+    release.set_value();
+  }
+  // Whatever is still queued runs now, and must not call.
+  std::promise<void> drained;
+  application.executor()([&drained] { drained.set_value(); });
+  drained.get_future().wait();
+
+  EXPECT_EQ(observed.wrongThread, 0);
+  EXPECT_EQ(observed.afterDestruction, 0);
+  EXPECT_EQ(observed.outOfOrder, 0);
+  EXPECT_EQ(observed.inconsistent, 0);
+  EXPECT_GT(observed.deliveries, kHosts * 10);
+  EXPECT_GT(observed.errors, 0) << "no drop of the event channel was noticed";
+}
+
+TEST(HostStressTest, WithoutAnExecutorTheHandlerRunsOnTheHostsThreadWithTheStateItAnnounces) {
+  Simulator simulator(/*dropEverySeconds=*/0);
+  std::atomic<int> wrongThread{0};
+  std::promise<QELBroadcastMapsHost::Snapshot> picture;
+  bool pictureSeen = false;  // only the host's thread touches it
+  const auto testThread = std::this_thread::get_id();
+  auto host = QELBroadcastMapsHost::create({{},
+                                            [&](Event event, const QELBroadcastMapsHost::Snapshot& snapshot) {
+                                              if (std::this_thread::get_id() == testThread) ++wrongThread;
+                                              if (event == Event::ImageDidChange && snapshot->image && !pictureSeen) {
+                                                pictureSeen = true;
+                                                picture.set_value(snapshot);
+                                              }
+                                            },
+                                            simulator.configuration()});
+  ASSERT_TRUE(host);
+  EXPECT_FALSE(host->snapshot()->receiving);
+  host->setCurrentResolutionWithCGSize({80, 60});
+  host->start();
+
+  auto future = picture.get_future();
+  ASSERT_EQ(future.wait_for(20s), std::future_status::ready);
+  const auto snapshot = future.get();
+  EXPECT_EQ(snapshot->image->width(), 80u);
+  EXPECT_EQ(snapshot->image->height(), 60u);
+  EXPECT_EQ(snapshot->resolutions, (std::vector<CGSize>{{160, 120}, {80, 60}, {40, 30}})) << "the server's order";
+  EXPECT_EQ(snapshot->currentResolution, (CGSize{80, 60}));
+  EXPECT_TRUE(snapshot->receiving);
+  EXPECT_TRUE(snapshot->hasMapData);
+  EXPECT_GE(host->snapshot()->version, snapshot->version);
+
+  host->stop();
+  ASSERT_TRUE(waitUntil([&] { return !host->snapshot()->receiving; }));
+  host.reset();
+  EXPECT_EQ(wrongThread, 0);
+}
+
+}  // namespace
+}  // namespace qel
