@@ -7,6 +7,7 @@ packages=(
   libboost1.81-dev libboost-json1.81-dev libboost-url1.81-dev
   libssl-dev libspng-dev libturbojpeg0-dev libcairo2-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  qt6-base-dev
 )
 
 missing=()
