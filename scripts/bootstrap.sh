@@ -9,6 +9,7 @@ packages=(
   nginx
   libgtest-dev libgmock-dev libbenchmark-dev
   dpkg-dev file valgrind
+  qt6-base-dev
 )
 
 missing=()

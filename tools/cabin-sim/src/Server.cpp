@@ -805,6 +805,13 @@ std::uint64_t Server::sequence() const { return state_->sequence; }
 
 std::string Server::flightMapJson() const { return state_->flightMapBody; }
 
+std::string Server::currentPng(const Resolution& resolution) const {
+  if (state_->images.empty()) return {};
+  const auto& latest = state_->images.rbegin()->second;
+  const auto found = latest.find(resolution.text());
+  return found == latest.end() ? std::string() : *found->second;
+}
+
 std::size_t Server::eventClientCount() const { return state_->openEventSessions(); }
 
 }  // namespace cabinsim

@@ -86,6 +86,9 @@ class Server {
   std::uint64_t sequence() const;
   // The current map data body, as the REST resource serves it.
   std::string flightMapJson() const;
+  // The PNG served for this resolution at the current sequence; empty when
+  // the server does not offer it.
+  std::string currentPng(const Resolution& resolution) const;
   // Event connections that completed their handshake and are still open.
   std::size_t eventClientCount() const;
 

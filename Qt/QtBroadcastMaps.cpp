@@ -1,0 +1,91 @@
+#include <QELMapsQt/QtBroadcastMaps.h>
+
+#include <QMetaObject>
+#include <cmath>
+#include <utility>
+
+namespace qel {
+
+namespace {
+
+// A QImage over the decoded RGBA rows; the QImage's cleanup releases the
+// reference it holds, so the pixels live as long as the last copy of it.
+QImage sharedImage(const std::shared_ptr<const Image>& image) {
+  if (!image) return {};
+  const auto width = static_cast<int>(image->width());
+  const auto height = static_cast<int>(image->height());
+  return QImage(
+      image->pixels().data(), width, height, qsizetype(width) * 4, QImage::Format_RGBA8888,
+      [](void* kept) { delete static_cast<std::shared_ptr<const Image>*>(kept); },
+      new std::shared_ptr<const Image>(image));
+}
+
+QSize toQSize(CGSize size) {
+  return {static_cast<int>(std::lround(size.width)), static_cast<int>(std::lround(size.height))};
+}
+
+}  // namespace
+
+QtBroadcastMaps::QtBroadcastMaps(QObject* parent) : QObject(parent) {
+  QELBroadcastMapsHost::Options options;
+  // Runs each delivery on this object's thread. A call still queued when the
+  // object goes is dropped by Qt, and the host calls nothing once destroyed.
+  options.executor = [this](QELBroadcastMapsHost::Task task) {
+    QMetaObject::invokeMethod(this, std::move(task), Qt::QueuedConnection);
+  };
+  options.handler = [this](QELBroadcastMapsHostEvent event, QELBroadcastMapsHost::Snapshot snapshot) {
+    apply(event, std::move(snapshot));
+  };
+  host_ = QELBroadcastMapsHost::create(std::move(options));
+  snapshot_ = host_ ? host_->snapshot() : std::make_shared<const QELBroadcastMapsSnapshot>();
+  image_ = sharedImage(snapshot_->image);
+}
+
+QtBroadcastMaps::~QtBroadcastMaps() = default;
+
+QList<QSize> QtBroadcastMaps::resolutions() const {
+  QList<QSize> sizes;
+  sizes.reserve(static_cast<qsizetype>(snapshot_->resolutions.size()));
+  for (const CGSize& size : snapshot_->resolutions) sizes.append(toQSize(size));
+  return sizes;
+}
+
+QSize QtBroadcastMaps::resolution() const {
+  return snapshot_->currentResolution ? toQSize(*snapshot_->currentResolution) : QSize();
+}
+
+void QtBroadcastMaps::start() {
+  if (host_) host_->start();
+}
+
+void QtBroadcastMaps::stop() {
+  if (host_) host_->stop();
+}
+
+void QtBroadcastMaps::setResolution(QSize size) {
+  if (!host_) return;
+  if (size.isEmpty())
+    host_->clearCurrentResolution();
+  else
+    host_->setCurrentResolutionWithCGSize({CGFloat(size.width()), CGFloat(size.height())});
+}
+
+void QtBroadcastMaps::apply(QELBroadcastMapsHostEvent event, QELBroadcastMapsHost::Snapshot snapshot) {
+  // Deliveries queued before construction read the first snapshot carry
+  // nothing newer than it.
+  if (snapshot->version < snapshot_->version) return;
+  const auto previous = std::exchange(snapshot_, std::move(snapshot));
+  // Signals follow what changed rather than the event's name: one delivery
+  // may carry several changes, and a handler sees the new state whole.
+  if (snapshot_->image != previous->image) {
+    image_ = sharedImage(snapshot_->image);
+    emit imageChanged(image_);
+  }
+  if (snapshot_->resolutions != previous->resolutions) emit resolutionsChanged(resolutions());
+  if (snapshot_->currentResolution != previous->currentResolution) emit resolutionChanged(resolution());
+  if (snapshot_->receiving != previous->receiving) emit receivingChanged(snapshot_->receiving);
+  if (snapshot_->hasMapData != previous->hasMapData) emit hasMapDataChanged(snapshot_->hasMapData);
+  if (event == QELBroadcastMapsHostEvent::Error) emit noMapData();
+}
+
+}  // namespace qel

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <QELMaps/QELBroadcastMapsHost.h>
+
+#include <QImage>
+#include <QList>
+#include <QObject>
+#include <QSize>
+#include <memory>
+
+namespace qel {
+
+// The broadcast moving map as a QObject: properties to bind, signals to
+// connect, slots to call. The service runs on a thread of its own (a
+// QELBroadcastMapsHost); every change reaches this object as a queued call
+// on the thread it lives on, so handlers may touch widgets directly.
+//
+// imageChanged() carries a QImage over the decoded pixels themselves, not a
+// copy; it keeps the picture alive for as long as any copy of the QImage
+// exists. Painting it is free; writing to it makes Qt copy it first.
+//
+// Threading: a QObject; use it on the thread it lives on. The cabin server's
+// address comes from qel::core::QELConfiguration, set before construction.
+// One per process (the host allows one); isValid() says whether it started.
+//
+//   qel::QtBroadcastMaps maps;
+//   QObject::connect(&maps, &qel::QtBroadcastMaps::imageChanged, label,
+//                    [label](const QImage& map) { label->setPixmap(QPixmap::fromImage(map)); });
+//   maps.setResolution({1024, 768});
+//   maps.start();
+class QtBroadcastMaps : public QObject {
+  Q_OBJECT
+  Q_PROPERTY(QImage image READ image NOTIFY imageChanged)
+  Q_PROPERTY(QList<QSize> resolutions READ resolutions NOTIFY resolutionsChanged)
+  Q_PROPERTY(QSize resolution READ resolution WRITE setResolution NOTIFY resolutionChanged)
+  Q_PROPERTY(bool receiving READ isReceiving NOTIFY receivingChanged)
+  Q_PROPERTY(bool hasMapData READ hasMapData NOTIFY hasMapDataChanged)
+
+ public:
+  explicit QtBroadcastMaps(QObject* parent = nullptr);
+  QtBroadcastMaps(const QtBroadcastMaps&) = delete;
+  QtBroadcastMaps& operator=(const QtBroadcastMaps&) = delete;
+  ~QtBroadcastMaps() override;
+
+  // False when the service could not be made (another one is alive).
+  bool isValid() const { return host_ != nullptr; }
+
+  // The latest map picture, null when there is none.
+  QImage image() const { return image_; }
+  // The picture sizes the server offers, in its order; empty: no map data.
+  QList<QSize> resolutions() const;
+  // The chosen size; invalid when none is chosen (the first listed is shown).
+  QSize resolution() const;
+  bool isReceiving() const { return snapshot_->receiving; }
+  bool hasMapData() const { return snapshot_->hasMapData; }
+  // Everything the properties above show, as the host published it.
+  const QELBroadcastMapsHost::Snapshot& snapshot() const { return snapshot_; }
+
+ public slots:
+  void start();
+  void stop();
+  // An invalid or empty size clears the choice.
+  void setResolution(QSize size);
+
+ signals:
+  void imageChanged(const QImage& image);
+  void resolutionsChanged(const QList<QSize>& resolutions);
+  void resolutionChanged(QSize resolution);
+  void receivingChanged(bool receiving);
+  void hasMapDataChanged(bool hasMapData);
+  // The cabin server is out of reach or failed to answer; said each time.
+  void noMapData();
+
+ private:
+  void apply(QELBroadcastMapsHostEvent event, QELBroadcastMapsHost::Snapshot snapshot);
+
+  QELBroadcastMapsHost::Snapshot snapshot_;
+  QImage image_;
+  // Last: destroyed first, so no delivery is made to a half-destroyed object.
+  std::unique_ptr<QELBroadcastMapsHost> host_;
+};
+
+}  // namespace qel
