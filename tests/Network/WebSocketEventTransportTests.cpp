@@ -1,4 +1,5 @@
 #include "NetworkTestSupport.h"
+#include "TestDnsServer.h"
 
 #include <qel/core/QELEventManager.h>
 #include <qel/core/net/WebSocketEventTransport.h>
@@ -91,6 +92,27 @@ TEST_F(WebSocketEventTransportTests, UntrustedServerNeverCountsAsConnected) {
   EXPECT_TRUE(listener_->names.empty());
   EXPECT_FALSE(manager().isConnected());
   EXPECT_TRUE(impostor.requestTargets().empty());
+}
+
+TEST_F(WebSocketEventTransportTests, ReachesANamedHostThroughTheFixedTableOrTheNameServer) {
+  TestServer named(loop().context(), authority_.issue("DNS:cabin.test"));
+  TestDnsServer dns(loop().context());
+  dns.add("cabin.test", {"127.0.0.1"});
+  const std::string port = std::to_string(named.port());
+  int connections = 0;
+  for (const bool fromTable : {true, false}) {
+    QELConfiguration configuration = QELConfiguration::effective();
+    configuration.host = "cabin.test";
+    configuration.port = named.port();
+    if (fromTable) configuration.resolve = {"cabin.test:" + port + ":127.0.0.1"};
+    configuration.dnsServers = dns.address();
+    WebSocketEventTransport::Options options;
+    options.configuration = configuration;
+    listen(options);
+    ASSERT_TRUE(waitFor(QELServiceEventClientConnected, ++connections)) << fromTable;
+  }
+  // The table answered the first time without asking the name server.
+  EXPECT_EQ(dns.questions().size(), 2u);  // A and AAAA
 }
 
 TEST_F(WebSocketEventTransportTests, WithoutAHostItDoesNotConnect) {

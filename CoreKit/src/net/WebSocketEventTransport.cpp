@@ -1,6 +1,7 @@
 #include "qel/core/net/WebSocketEventTransport.h"
 
 #include "qel/core/QELLogging.h"
+#include "qel/core/net/Resolver.h"
 #include "qel/core/net/TlsContext.h"
 
 #include <qel/RunLoop.h>
@@ -91,12 +92,12 @@ class WebSocketEventTransport::Channel : public std::enable_shared_from_this<Cha
 class WebSocketEventTransport::Session : public std::enable_shared_from_this<Session> {
  public:
   Session(asio::io_context& ioContext, std::shared_ptr<asio::ssl::context> tlsContext, Target target,
-          const Options& options, std::weak_ptr<Channel> channel)
+          const Options& options, Resolver::Options resolverOptions, std::weak_ptr<Channel> channel)
       : tlsContext_(std::move(tlsContext)),
         target_(std::move(target)),
         options_(options),
         channel_(std::move(channel)),
-        resolver_(ioContext),
+        resolver_(ioContext, std::move(resolverOptions)),
         resolveTimer_(ioContext),
         ws_(ioContext, *tlsContext_) {}
   Session(const Session&) = delete;
@@ -108,8 +109,7 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
 
  private:
   beast::tcp_stream& tcp() { return beast::get_lowest_layer(ws_); }
-  void connectTo(const tcp::resolver::results_type& results);
-  void onResolve(const beast::error_code& error, tcp::resolver::results_type results);
+  void onResolve(const std::string& error, Resolver::Endpoints endpoints);
   void onResolveTimeout(const beast::error_code& error);
   void onConnect(const beast::error_code& error);
   void onTlsHandshake(const beast::error_code& error);
@@ -123,7 +123,7 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   Target target_;
   Options options_;
   std::weak_ptr<Channel> channel_;
-  tcp::resolver resolver_;
+  Resolver resolver_;
   asio::steady_timer resolveTimer_;
   websocket::stream<TlsStream> ws_;
   beast::flat_buffer buffer_;
@@ -182,8 +182,11 @@ void WebSocketEventTransport::Channel::connect() {
   }
   ++attempts_;
   QELLogging::log("Opening the event channel to %s", 4, kDomain, target.url());
+  Resolver::Options resolverOptions;
+  resolverOptions.fixedHosts = configuration.resolve;
+  resolverOptions.servers = configuration.dnsServers;
   auto session = std::make_shared<Session>(RunLoop::current().context(), std::move(tlsContext), std::move(target),
-                                           options_, weak_from_this());
+                                           options_, std::move(resolverOptions), weak_from_this());
   session_ = session;
   session->run();
 }
@@ -234,18 +237,9 @@ void WebSocketEventTransport::Channel::sessionReceived(const Session* session, s
 // --- Session -----------------------------------------------------------------
 
 void WebSocketEventTransport::Session::run() {
-  boost::system::error_code notAnAddress;
-  const auto address = asio::ip::make_address(target_.host, notAnAddress);
-  if (!notAnAddress) {
-    tcp().expires_after(options_.connectTimeout);
-    tcp().async_connect(tcp::endpoint(address, target_.port),
-                        beast::bind_front_handler(&Session::onConnect, shared_from_this()));
-    return;
-  }
   resolveTimer_.expires_after(options_.connectTimeout);
   resolveTimer_.async_wait(beast::bind_front_handler(&Session::onResolveTimeout, shared_from_this()));
-  resolver_.async_resolve(target_.host, std::to_string(target_.port),
-                          beast::bind_front_handler(&Session::onResolve, shared_from_this()));
+  resolver_.resolve(target_.host, target_.port, beast::bind_front_handler(&Session::onResolve, shared_from_this()));
 }
 
 void WebSocketEventTransport::Session::close() {
@@ -268,13 +262,12 @@ void WebSocketEventTransport::Session::onResolveTimeout(const beast::error_code&
   end("resolving " + target_.host + " took longer than " + seconds(options_.connectTimeout));
 }
 
-void WebSocketEventTransport::Session::onResolve(const beast::error_code& error,
-                                                 tcp::resolver::results_type results) {
+void WebSocketEventTransport::Session::onResolve(const std::string& error, Resolver::Endpoints endpoints) {
   if (ended_) return;
   resolveTimer_.cancel();
-  if (error) return end("cannot resolve " + target_.host + ": " + error.message());
+  if (!error.empty()) return end(error);
   tcp().expires_after(options_.connectTimeout);
-  tcp().async_connect(results, [self = shared_from_this()](const beast::error_code& error, const tcp::endpoint&) {
+  tcp().async_connect(endpoints, [self = shared_from_this()](const beast::error_code& error, const tcp::endpoint&) {
     self->onConnect(error);
   });
 }
@@ -344,8 +337,7 @@ void WebSocketEventTransport::Session::onRead(const beast::error_code& error, st
   if (ws_.is_message_done()) {
     if (oversized_) {
       QELLogging::log("Dropped an event frame of %lu bytes: more than the %lu allowed.", 2, kDomain,
-                      static_cast<unsigned long>(messageSize_),
-                      static_cast<unsigned long>(options_.maximumFrameSize));
+                      static_cast<unsigned long>(messageSize_), static_cast<unsigned long>(options_.maximumFrameSize));
     } else {
       handleMessage();
     }

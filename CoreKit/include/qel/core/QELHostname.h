@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace qel::core {
 
@@ -14,12 +15,19 @@ namespace qel::core {
 //   caFile          QEL_CA_FILE            (the system's trust store)
 //   eventPath       QEL_EVENT_PATH         "/skelion/events"
 //   logThreshold    QEL_LOG_LEVEL          3
+//   dnsServers      QEL_DNS_SERVERS        (the system's name servers)
 struct QELConfiguration {
   std::optional<std::string> host;
   std::optional<std::uint16_t> port;
   std::optional<std::string> caFile;
   std::optional<std::string> eventPath;
   std::optional<int> logThreshold;
+  // Fixed addresses for host names, "HOST:PORT:ADDR[,ADDR...]" as curl's
+  // --resolve writes them; a listed host and port is never looked up.
+  std::vector<std::string> resolve;
+  // Name servers to ask instead of the system's, "ADDR[:PORT][,...]"
+  // (bracket an IPv6 address that has a port).
+  std::optional<std::string> dnsServers;
 
   // Replaces the application's settings (the log threshold is applied now).
   static void set(const QELConfiguration& configuration);
