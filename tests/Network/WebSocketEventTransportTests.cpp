@@ -10,6 +10,7 @@ namespace qel::core::net::testing {
 namespace {
 
 using namespace std::chrono_literals;
+namespace asio = boost::asio;
 
 constexpr const char* kMapUpdate = "core.maps.map_update";
 
@@ -113,6 +114,33 @@ TEST_F(WebSocketEventTransportTests, ReachesANamedHostThroughTheFixedTableOrTheN
   }
   // The table answered the first time without asking the name server.
   EXPECT_EQ(dns.questions().size(), 2u);  // A and AAAA
+}
+
+TEST_F(WebSocketEventTransportTests, ADeadFirstAddressCostsOnlyItsHeadStart) {
+  // A listener whose accept queue is full drops new connection requests
+  // without a word, as a dead host does; it shares the live server's port
+  // on another loopback address.
+  TestServer live(loop().context(), authority_.issue("DNS:cabin.test"));
+  asio::ip::tcp::acceptor dead(loop().context(), {asio::ip::make_address("127.0.0.2"), live.port()});
+  dead.listen(0);
+  std::vector<std::unique_ptr<asio::ip::tcp::socket>> fillers;
+  for (int i = 0; i < 3; ++i) {
+    fillers.push_back(std::make_unique<asio::ip::tcp::socket>(loop().context()));
+    fillers.back()->async_connect(dead.local_endpoint(), [](const boost::system::error_code&) {});
+  }
+  loop().runFor(std::chrono::milliseconds(100));
+
+  QELConfiguration configuration = QELConfiguration::effective();
+  configuration.host = "cabin.test";
+  configuration.port = live.port();
+  configuration.resolve = {"cabin.test:" + std::to_string(live.port()) + ":127.0.0.2,127.0.0.1"};
+  WebSocketEventTransport::Options options;
+  options.configuration = configuration;
+  const auto started = std::chrono::steady_clock::now();
+  auto& transport = listen(options);
+  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
+  EXPECT_EQ(transport.connectionAttempts(), 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - started, options.connectTimeout);
 }
 
 TEST_F(WebSocketEventTransportTests, WithoutAHostItDoesNotConnect) {

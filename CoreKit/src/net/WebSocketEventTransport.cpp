@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <random>
+#include <sstream>
 
 namespace qel::core::net {
 namespace asio = boost::asio;
@@ -97,8 +98,10 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
         target_(std::move(target)),
         options_(options),
         channel_(std::move(channel)),
+        ioContext_(ioContext),
         resolver_(ioContext, std::move(resolverOptions)),
         resolveTimer_(ioContext),
+        staggerTimer_(ioContext),
         ws_(ioContext, *tlsContext_) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -110,6 +113,9 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
  private:
   beast::tcp_stream& tcp() { return beast::get_lowest_layer(ws_); }
   void onResolve(const std::string& error, Resolver::Endpoints endpoints);
+  void startAttempt();
+  void onAttempt(std::size_t index, const beast::error_code& error);
+  void closeAttempts();
   void onResolveTimeout(const beast::error_code& error);
   void onConnect(const beast::error_code& error);
   void onTlsHandshake(const beast::error_code& error);
@@ -123,8 +129,16 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   Target target_;
   Options options_;
   std::weak_ptr<Channel> channel_;
+  asio::io_context& ioContext_;
   Resolver resolver_;
+  // Bounds the lookup, then the whole connect race.
   asio::steady_timer resolveTimer_;
+  asio::steady_timer staggerTimer_;
+  Resolver::Endpoints endpoints_;
+  std::vector<std::unique_ptr<tcp::socket>> attempts_;
+  std::size_t nextAttempt_ = 0;
+  int attemptsRunning_ = 0;
+  std::string lastConnectError_;
   websocket::stream<TlsStream> ws_;
   beast::flat_buffer buffer_;
   std::size_t messageSize_ = 0;
@@ -247,6 +261,7 @@ void WebSocketEventTransport::Session::close() {
   ended_ = true;
   resolver_.cancel();
   resolveTimer_.cancel();
+  closeAttempts();
   if (connected_) {
     // Say goodbye properly; the close has its own timeout, and the read
     // still pending ends with it.
@@ -259,17 +274,68 @@ void WebSocketEventTransport::Session::close() {
 void WebSocketEventTransport::Session::onResolveTimeout(const beast::error_code& error) {
   if (error || ended_) return;
   resolver_.cancel();
-  end("resolving " + target_.host + " took longer than " + seconds(options_.connectTimeout));
+  if (endpoints_.empty()) {
+    return end("resolving " + target_.host + " took longer than " + seconds(options_.connectTimeout));
+  }
+  end("no connection within " + seconds(options_.connectTimeout) +
+      (lastConnectError_.empty() ? std::string() : " (" + lastConnectError_ + ")"));
 }
 
 void WebSocketEventTransport::Session::onResolve(const std::string& error, Resolver::Endpoints endpoints) {
   if (ended_) return;
   resolveTimer_.cancel();
   if (!error.empty()) return end(error);
-  tcp().expires_after(options_.connectTimeout);
-  tcp().async_connect(endpoints, [self = shared_from_this()](const beast::error_code& error, const tcp::endpoint&) {
-    self->onConnect(error);
+  endpoints_ = std::move(endpoints);
+  resolveTimer_.expires_after(options_.connectTimeout);
+  resolveTimer_.async_wait(beast::bind_front_handler(&Session::onResolveTimeout, shared_from_this()));
+  startAttempt();
+}
+
+// A connect race over the addresses: each gets a head start of
+// attemptDelay before the next one joins, a failure lets the next join at
+// once, and the first to connect wins. A dead first address then costs a
+// fraction of a second instead of the whole connect timeout.
+void WebSocketEventTransport::Session::startAttempt() {
+  if (ended_ || nextAttempt_ >= endpoints_.size()) return;
+  const std::size_t index = nextAttempt_++;
+  auto& socket = *attempts_.emplace_back(std::make_unique<tcp::socket>(ioContext_));
+  ++attemptsRunning_;
+  socket.async_connect(endpoints_[index], beast::bind_front_handler(&Session::onAttempt, shared_from_this(), index));
+  if (nextAttempt_ >= endpoints_.size()) return;
+  staggerTimer_.expires_after(options_.attemptDelay);
+  staggerTimer_.async_wait([self = shared_from_this()](const beast::error_code& error) {
+    if (!error) self->startAttempt();
   });
+}
+
+void WebSocketEventTransport::Session::onAttempt(std::size_t index, const beast::error_code& error) {
+  --attemptsRunning_;
+  if (ended_ || attempts_.size() <= index || !attempts_[index]) return;
+  if (error) {
+    std::ostringstream endpoint;
+    endpoint << endpoints_[index];
+    lastConnectError_ = endpoint.str() + ": " + error.message();
+    QELLogging::log("Event channel: cannot connect to %s", 4, kDomain, lastConnectError_);
+    if (nextAttempt_ < endpoints_.size()) return startAttempt();
+    if (attemptsRunning_ == 0) return end("cannot connect: " + lastConnectError_);
+    return;
+  }
+  resolveTimer_.cancel();
+  staggerTimer_.cancel();
+  tcp().socket() = std::move(*attempts_[index]);
+  attempts_[index].reset();
+  closeAttempts();
+  onConnect({});
+}
+
+void WebSocketEventTransport::Session::closeAttempts() {
+  staggerTimer_.cancel();
+  // The losers' handlers still run, aborted, and find their slot empty.
+  for (auto& socket : attempts_) {
+    beast::error_code ignored;
+    if (socket) socket->close(ignored);
+    socket.reset();
+  }
 }
 
 void WebSocketEventTransport::Session::onConnect(const beast::error_code& error) {
@@ -387,6 +453,7 @@ void WebSocketEventTransport::Session::end(const std::string& why) {
   ended_ = true;
   QELLogging::log("Event channel to %s %s: %s", 2, kDomain, target_.url(), connected_ ? "lost" : "failed", why);
   resolveTimer_.cancel();
+  closeAttempts();
   tcp().close();
   if (auto channel = channel_.lock()) channel->sessionEnded(this, connected_);
 }
