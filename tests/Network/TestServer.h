@@ -1,8 +1,8 @@
 #pragma once
 
-#include <boost/asio/io_context.hpp>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
+#include <boost/asio/io_context.hpp>
 
 #include <cstdint>
 #include <memory>
@@ -51,7 +51,7 @@ class TestServer {
 
   // To every WebSocket: a frame, or a clean close.
   void send(const std::string& frame, bool binary = false);
-  void closeWebSockets();
+  void closeWebSockets(const std::string& reason = {});
 
   struct State;
 

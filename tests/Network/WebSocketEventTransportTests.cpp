@@ -4,6 +4,10 @@
 #include <qel/core/QELEventManager.h>
 #include <qel/core/net/WebSocketEventTransport.h>
 
+#include <qel/core/QELLogging.h>
+
+#include <gmock/gmock.h>
+
 #include <algorithm>
 
 namespace qel::core::net::testing {
@@ -73,10 +77,19 @@ TEST_F(WebSocketEventTransportTests, DeliversEventsAndDropsMalformedFramesWithou
 }
 
 TEST_F(WebSocketEventTransportTests, ServerCloseIsOneDisconnectThenItReconnects) {
+  std::vector<std::string> lines;
+  QELLogging::setSink([&](int, std::string_view, std::string_view message) { lines.emplace_back(message); });
   listen();
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
-  server_.closeWebSockets();
+  // The reason is the server's text: it must not start a log line of its own.
+  server_.closeWebSockets("bye\n1 Forged.cpp all is well\x1b[2J");
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 2));
+  QELLogging::setSink(nullptr);
+  ASSERT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const std::string& line) { return line.find("bye") != std::string::npos; }),
+            1);
+  for (const auto& line : lines) EXPECT_EQ(line.find_first_of("\n\x1b"), std::string::npos) << line;
+  EXPECT_THAT(lines, ::testing::Contains(::testing::HasSubstr(R"("bye\n1 Forged.cpp all is well\x1b[2J")")));
 
   EXPECT_EQ(listener_->names,
             (std::vector<std::string>{QELServiceEventClientConnected, QELServiceEventClientDisconnected,

@@ -392,7 +392,8 @@ void WebSocketEventTransport::Session::onRead(const beast::error_code& error, st
   if (error == websocket::error::closed) {
     const auto reason = ws_.reason();
     return end("closed by the server (code " + std::to_string(reason.code) +
-               (reason.reason.empty() ? std::string() : ", \"" + std::string(reason.reason.c_str()) + "\"") + ")");
+               (reason.reason.empty() ? std::string() : ", \"" + QELLogging::escaped(reason.reason.c_str()) + "\"") +
+               ")");
   }
   if (error == beast::error::timeout) return end("no frame and no pong for " + seconds(options_.deadAfter));
   if (error) return end(error.message());
@@ -438,8 +439,8 @@ void WebSocketEventTransport::Session::handleMessage() {
   }
   if (problem) {
     const std::size_t shown = std::min<std::size_t>(text.size(), 80);
-    QELLogging::log("Dropped an event frame: %s (%s%s)", 2, kDomain, problem, text.substr(0, shown),
-                    shown < text.size() ? "..." : "");
+    QELLogging::log("Dropped an event frame: %s (%s%s)", 2, kDomain, problem,
+                    QELLogging::escaped(text.substr(0, shown)), shown < text.size() ? "..." : "");
     return;
   }
   UserInfo info;
