@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build pkg-config g++ clang-14 libclang-rt-14-dev
   libboost1.81-dev libboost-json1.81-dev libboost-url1.81-dev
-  libssl-dev libcurl4-openssl-dev libspng-dev libturbojpeg0-dev libcairo2-dev
+  libssl-dev libcurl4-openssl-dev libc-ares-dev libspng-dev libturbojpeg0-dev libcairo2-dev
   nginx
   libgtest-dev libgmock-dev libbenchmark-dev
   dpkg-dev file valgrind

@@ -37,8 +37,8 @@ std::optional<long> environmentInteger(const char* name, long minimum, long maxi
   errno = 0;
   const long value = std::strtol(text->c_str(), &end, 10);
   if (errno != 0 || *end != '\0' || value < minimum || value > maximum) {
-    QELLogging::log("Ignoring %s=\"%s\": expected a whole number from %d to %d.", 2, kDomain, name,
-                    *text, minimum, maximum);
+    QELLogging::log("Ignoring %s=\"%s\": expected a whole number from %d to %d.", 2, kDomain, name, *text, minimum,
+                    maximum);
     return std::nullopt;
   }
   return value;
@@ -72,6 +72,7 @@ QELConfiguration QELConfiguration::effective() {
     }
     result.eventPath = path ? *path : kDefaultEventPath;
   }
+  if (!result.dnsServers || result.dnsServers->empty()) result.dnsServers = environmentText("QEL_DNS_SERVERS");
   if (!result.logThreshold) {
     const auto level = environmentInteger("QEL_LOG_LEVEL", 0, 100);
     result.logThreshold = level ? static_cast<int>(*level) : kDefaultLogThreshold;

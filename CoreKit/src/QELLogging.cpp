@@ -55,6 +55,39 @@ void QELLogging::setSink(Sink sink) { sinkStorage() = std::move(sink); }
 
 QELLogging::Sink QELLogging::sink() { return sinkStorage(); }
 
+std::string QELLogging::escaped(std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string result;
+  result.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    switch (c) {
+      case '\\':
+        result += "\\\\";
+        continue;
+      case '\n':
+        result += "\\n";
+        continue;
+      case '\r':
+        result += "\\r";
+        continue;
+      case '\t':
+        result += "\\t";
+        continue;
+      default:
+        break;
+    }
+    if (byte < 0x20 || byte == 0x7f) {
+      result += "\\x";
+      result += kHex[byte >> 4];
+      result += kHex[byte & 0xf];
+    } else {
+      result += c;
+    }
+  }
+  return result;
+}
+
 void QELLogging::write(int level, std::string_view domain, std::string_view message) {
   // A copy, so that a sink may replace itself while it runs.
   const Sink sink = sinkStorage();

@@ -43,6 +43,7 @@ struct Connection {
   std::optional<websocket::stream<beast::ssl_stream<beast::tcp_stream>&>> webSocket;
   std::deque<std::pair<bool, std::string>> outbox;  // binary?, frame
   bool closing = false;
+  std::string closeReason;
   bool idle = false;
 };
 
@@ -74,7 +75,9 @@ asio::awaitable<void> serveWebSocket(Connection& connection, const http::request
       webSocket.binary(connection.outbox.front().first);
       co_await webSocket.async_write(asio::buffer(connection.outbox.front().second), use_awaitable);
     }
-    if (connection.closing) co_return co_await webSocket.async_close(websocket::close_code::normal, use_awaitable);
+    if (connection.closing)
+      co_return co_await webSocket.async_close(
+          websocket::close_reason(websocket::close_code::normal, connection.closeReason), use_awaitable);
   }
 }
 
@@ -188,10 +191,11 @@ void TestServer::send(const std::string& frame, bool binary) {
   }
 }
 
-void TestServer::closeWebSockets() {
+void TestServer::closeWebSockets(const std::string& reason) {
   for (const auto& weak : state_->connections) {
     if (auto connection = weak.lock(); connection && connection->webSocket) {
       connection->closing = true;
+      connection->closeReason = reason;
       connection->wake.cancel();
     }
   }

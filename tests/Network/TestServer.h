@@ -59,7 +59,7 @@ class TestServer {
 
   // To every WebSocket: a frame, or a clean close.
   void send(const std::string& frame, bool binary = false);
-  void closeWebSockets();
+  void closeWebSockets(const std::string& reason = {});
 
   struct State;
 

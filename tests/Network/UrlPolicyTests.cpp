@@ -24,7 +24,10 @@ TEST(UrlPolicyTests, ImageSourcesComeOnlyFromTheCabinServerOverHttps) {
   const std::pair<std::string, std::string> cases[] = {
       {"/maps/800x600/7.png?v=2", "https://cabin.local:8443/maps/800x600/7.png?v=2 Host: cabin.local:8443"},
       {"https://CABIN.local/maps/a.png#frag", "https://cabin.local:8443/maps/a.png Host: cabin.local:8443"},
-      {"https://cabin.local:443/x", "https://cabin.local:443/x Host: cabin.local"},
+      {"https://cabin.local:8443/x", "https://cabin.local:8443/x Host: cabin.local:8443"},
+      // Another port or scheme on the cabin host is another origin.
+      {"https://cabin.local:443/x", "refused"},
+      {"http://cabin.local:8443/x", "refused"},
       {"https://attacker.example/maps/a.png", "refused"},
       {"http://cabin.local/maps/a.png", "refused"},
       {"//attacker.example/a.png", "refused"},
@@ -36,9 +39,20 @@ TEST(UrlPolicyTests, ImageSourcesComeOnlyFromTheCabinServerOverHttps) {
   for (const auto& [source, expected] : cases) {
     EXPECT_EQ(where(policy.resolveImageSource(source, cabin("cabin.local", 8443)), source), expected);
   }
-  EXPECT_EQ(where(policy.resolveImageSource("/m.png", cabin("::1", 9000)), "/m.png"),
-            "https://[::1]:9000/m.png Host: [::1]:9000");
+  for (const char* ipv6 : {"::1", "[::1]"}) {
+    EXPECT_EQ(where(policy.resolveImageSource("/m.png", cabin(ipv6, 9000)), "/m.png"),
+              "https://[::1]:9000/m.png Host: [::1]:9000");
+    EXPECT_EQ(where(policy.resolveImageSource("https://[::1]:9000/m.png", cabin(ipv6, 9000)), "/m.png"),
+              "https://[::1]:9000/m.png Host: [::1]:9000");
+  }
   EXPECT_FALSE(policy.resolveImageSource("/maps/a.png", QELConfiguration{}).endpoint);
+
+  // The refusal becomes a log line: a URL from the server cannot break it.
+  for (const char* hostile : {"https://attacker.example/a.png\n1 Forged.cpp ok", "/a\r\n1 Forged.cpp ok"}) {
+    const auto refusal = policy.resolveImageSource(hostile, cabin("cabin.local", 8443)).refusal;
+    EXPECT_EQ(refusal.find_first_of("\r\n"), std::string::npos) << refusal;
+    EXPECT_NE(refusal.find("\\n1 Forged.cpp ok"), std::string::npos) << refusal;
+  }
 }
 
 TEST(UrlPolicyTests, ServiceURLsTakeTheConfiguredPortAndEitherScheme) {

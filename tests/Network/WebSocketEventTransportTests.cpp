@@ -1,7 +1,12 @@
 #include "NetworkTestSupport.h"
+#include "TestDnsServer.h"
 
 #include <qel/core/QELEventManager.h>
 #include <qel/core/net/WebSocketEventTransport.h>
+
+#include <qel/core/QELLogging.h>
+
+#include <gmock/gmock.h>
 
 #include <algorithm>
 
@@ -9,6 +14,7 @@ namespace qel::core::net::testing {
 namespace {
 
 using namespace std::chrono_literals;
+namespace asio = boost::asio;
 
 constexpr const char* kMapUpdate = "core.maps.map_update";
 
@@ -71,10 +77,19 @@ TEST_F(WebSocketEventTransportTests, DeliversEventsAndDropsMalformedFramesWithou
 }
 
 TEST_F(WebSocketEventTransportTests, ServerCloseIsOneDisconnectThenItReconnects) {
+  std::vector<std::string> lines;
+  QELLogging::setSink([&](int, std::string_view, std::string_view message) { lines.emplace_back(message); });
   listen();
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
-  server_.closeWebSockets();
+  // The reason is the server's text: it must not start a log line of its own.
+  server_.closeWebSockets("bye\n1 Forged.cpp all is well\x1b[2J");
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 2));
+  QELLogging::setSink(nullptr);
+  ASSERT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const std::string& line) { return line.find("bye") != std::string::npos; }),
+            1);
+  for (const auto& line : lines) EXPECT_EQ(line.find_first_of("\n\x1b"), std::string::npos) << line;
+  EXPECT_THAT(lines, ::testing::Contains(::testing::HasSubstr(R"("bye\n1 Forged.cpp all is well\x1b[2J")")));
 
   EXPECT_EQ(listener_->names,
             (std::vector<std::string>{QELServiceEventClientConnected, QELServiceEventClientDisconnected,
@@ -91,6 +106,54 @@ TEST_F(WebSocketEventTransportTests, UntrustedServerNeverCountsAsConnected) {
   EXPECT_TRUE(listener_->names.empty());
   EXPECT_FALSE(manager().isConnected());
   EXPECT_TRUE(impostor.requestTargets().empty());
+}
+
+TEST_F(WebSocketEventTransportTests, ReachesANamedHostThroughTheFixedTableOrTheNameServer) {
+  TestServer named(loop().context(), authority_.issue("DNS:cabin.test"));
+  TestDnsServer dns(loop().context());
+  dns.add("cabin.test", {"127.0.0.1"});
+  const std::string port = std::to_string(named.port());
+  int connections = 0;
+  for (const bool fromTable : {true, false}) {
+    QELConfiguration configuration = QELConfiguration::effective();
+    configuration.host = "cabin.test";
+    configuration.port = named.port();
+    if (fromTable) configuration.resolve = {"cabin.test:" + port + ":127.0.0.1"};
+    configuration.dnsServers = dns.address();
+    WebSocketEventTransport::Options options;
+    options.configuration = configuration;
+    listen(options);
+    ASSERT_TRUE(waitFor(QELServiceEventClientConnected, ++connections)) << fromTable;
+  }
+  // The table answered the first time without asking the name server.
+  EXPECT_EQ(dns.questions().size(), 2u);  // A and AAAA
+}
+
+TEST_F(WebSocketEventTransportTests, ADeadFirstAddressCostsOnlyItsHeadStart) {
+  // A listener whose accept queue is full drops new connection requests
+  // without a word, as a dead host does; it shares the live server's port
+  // on another loopback address.
+  TestServer live(loop().context(), authority_.issue("DNS:cabin.test"));
+  asio::ip::tcp::acceptor dead(loop().context(), {asio::ip::make_address("127.0.0.2"), live.port()});
+  dead.listen(0);
+  std::vector<std::unique_ptr<asio::ip::tcp::socket>> fillers;
+  for (int i = 0; i < 3; ++i) {
+    fillers.push_back(std::make_unique<asio::ip::tcp::socket>(loop().context()));
+    fillers.back()->async_connect(dead.local_endpoint(), [](const boost::system::error_code&) {});
+  }
+  loop().runFor(std::chrono::milliseconds(100));
+
+  QELConfiguration configuration = QELConfiguration::effective();
+  configuration.host = "cabin.test";
+  configuration.port = live.port();
+  configuration.resolve = {"cabin.test:" + std::to_string(live.port()) + ":127.0.0.2,127.0.0.1"};
+  WebSocketEventTransport::Options options;
+  options.configuration = configuration;
+  const auto started = std::chrono::steady_clock::now();
+  auto& transport = listen(options);
+  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
+  EXPECT_EQ(transport.connectionAttempts(), 1);
+  EXPECT_LT(std::chrono::steady_clock::now() - started, options.connectTimeout);
 }
 
 TEST_F(WebSocketEventTransportTests, WithoutAHostItDoesNotConnect) {

@@ -1,5 +1,6 @@
 #include "qel/core/net/UrlPolicy.h"
 
+#include "qel/core/QELLogging.h"
 #include "qel/core/net/TlsContext.h"
 
 #include <qel/GccWarnings.h>
@@ -21,10 +22,18 @@ std::string lowercase(std::string_view text) {
   return result;
 }
 
-// GCC 12 bug 105329: a bogus -Wrestrict inside libstdc++ when optimising
-// "literal" + std::string.
+// The configured host as URLs carry it inside their brackets: an IPv6 cabin
+// host may be configured as "::1" or as "[::1]".
+std::string bareHost(std::string_view host) {
+  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  return lowercase(host);
+}
+
+// URLs come from the server's map data: escaped, so that the refusal can go
+// into a log line as it is. GCC 12 bug 105329: a bogus -Wrestrict inside
+// libstdc++ when optimising "literal" + std::string.
 QEL_GCC_IGNORE_BEGIN("-Wrestrict")
-std::string quoted(std::string_view url) { return "\"" + std::string(url) + "\""; }
+std::string quoted(std::string_view url) { return "\"" + QELLogging::escaped(url) + "\""; }
 QEL_GCC_IGNORE_END
 
 UrlPolicy::Decision refuse(std::string why) {
@@ -93,15 +102,14 @@ UrlPolicy::Decision UrlPolicy::resolve(const QELRequest& request, const QELConfi
                                                            : resolveServiceURL(*url, configuration);
 }
 
-UrlPolicy::Decision UrlPolicy::resolveServiceURL(std::string_view url,
-                                                 const QELConfiguration& configuration) const {
+UrlPolicy::Decision UrlPolicy::resolveServiceURL(std::string_view url, const QELConfiguration& configuration) const {
   return parseAbsolute(url, configuration.port.value_or(443));
 }
 
 UrlPolicy::Decision UrlPolicy::resolveImageSource(std::string_view source,
                                                   const QELConfiguration& configuration) const {
   const std::uint16_t port = configuration.port.value_or(443);
-  const std::string cabinHost = lowercase(configuration.host.value_or(""));
+  const std::string cabinHost = bareHost(configuration.host.value_or(""));
 
   if (source.size() >= 1 && source.front() == '/' && !source.starts_with("//")) {
     if (cabinHost.empty()) return refuse("no cabin server host configured to resolve " + quoted(source));
@@ -115,9 +123,15 @@ UrlPolicy::Decision UrlPolicy::resolveImageSource(std::string_view source,
   if (!decision.endpoint->tls && !options_.allowPlainHttp) {
     return refuse("refused image URL " + quoted(source) + ": only https is allowed");
   }
-  if (!options_.allowOtherHosts && decision.endpoint->host != cabinHost) {
+  // Same origin as the cabin server: host and port (the scheme is https
+  // above), so that another service on the cabin host cannot serve pictures.
+  if (!options_.allowOtherHosts && (decision.endpoint->host != cabinHost || decision.endpoint->port != port)) {
+    const bool ipv6 = cabinHost.find(':') != std::string::npos;
     return refuse("refused image URL " + quoted(source) + ": only the cabin server (" +
-                  (cabinHost.empty() ? std::string("none configured") : cabinHost) + ") may serve images");
+                  (cabinHost.empty()
+                       ? std::string("none configured")
+                       : "https://" + (ipv6 ? "[" + cabinHost + "]" : cabinHost) + ":" + std::to_string(port)) +
+                  ") may serve images");
   }
   return decision;
 }

@@ -1,6 +1,7 @@
 #include "qel/core/net/WebSocketEventTransport.h"
 
 #include "qel/core/QELLogging.h"
+#include "qel/core/net/Resolver.h"
 #include "qel/core/net/TlsContext.h"
 
 #include <qel/RunLoop.h>
@@ -20,6 +21,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <random>
+#include <sstream>
 
 namespace qel::core::net {
 namespace asio = boost::asio;
@@ -91,13 +93,15 @@ class WebSocketEventTransport::Channel : public std::enable_shared_from_this<Cha
 class WebSocketEventTransport::Session : public std::enable_shared_from_this<Session> {
  public:
   Session(asio::io_context& ioContext, std::shared_ptr<asio::ssl::context> tlsContext, Target target,
-          const Options& options, std::weak_ptr<Channel> channel)
+          const Options& options, Resolver::Options resolverOptions, std::weak_ptr<Channel> channel)
       : tlsContext_(std::move(tlsContext)),
         target_(std::move(target)),
         options_(options),
         channel_(std::move(channel)),
-        resolver_(ioContext),
+        ioContext_(ioContext),
+        resolver_(ioContext, std::move(resolverOptions)),
         resolveTimer_(ioContext),
+        staggerTimer_(ioContext),
         ws_(ioContext, *tlsContext_) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -108,8 +112,10 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
 
  private:
   beast::tcp_stream& tcp() { return beast::get_lowest_layer(ws_); }
-  void connectTo(const tcp::resolver::results_type& results);
-  void onResolve(const beast::error_code& error, tcp::resolver::results_type results);
+  void onResolve(const std::string& error, Resolver::Endpoints endpoints);
+  void startAttempt();
+  void onAttempt(std::size_t index, const beast::error_code& error);
+  void closeAttempts();
   void onResolveTimeout(const beast::error_code& error);
   void onConnect(const beast::error_code& error);
   void onTlsHandshake(const beast::error_code& error);
@@ -123,8 +129,16 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   Target target_;
   Options options_;
   std::weak_ptr<Channel> channel_;
-  tcp::resolver resolver_;
+  asio::io_context& ioContext_;
+  Resolver resolver_;
+  // Bounds the lookup, then the whole connect race.
   asio::steady_timer resolveTimer_;
+  asio::steady_timer staggerTimer_;
+  Resolver::Endpoints endpoints_;
+  std::vector<std::unique_ptr<tcp::socket>> attempts_;
+  std::size_t nextAttempt_ = 0;
+  int attemptsRunning_ = 0;
+  std::string lastConnectError_;
   websocket::stream<TlsStream> ws_;
   beast::flat_buffer buffer_;
   std::size_t messageSize_ = 0;
@@ -182,8 +196,11 @@ void WebSocketEventTransport::Channel::connect() {
   }
   ++attempts_;
   QELLogging::log("Opening the event channel to %s", 4, kDomain, target.url());
+  Resolver::Options resolverOptions;
+  resolverOptions.fixedHosts = configuration.resolve;
+  resolverOptions.servers = configuration.dnsServers;
   auto session = std::make_shared<Session>(RunLoop::current().context(), std::move(tlsContext), std::move(target),
-                                           options_, weak_from_this());
+                                           options_, std::move(resolverOptions), weak_from_this());
   session_ = session;
   session->run();
 }
@@ -234,18 +251,9 @@ void WebSocketEventTransport::Channel::sessionReceived(const Session* session, s
 // --- Session -----------------------------------------------------------------
 
 void WebSocketEventTransport::Session::run() {
-  boost::system::error_code notAnAddress;
-  const auto address = asio::ip::make_address(target_.host, notAnAddress);
-  if (!notAnAddress) {
-    tcp().expires_after(options_.connectTimeout);
-    tcp().async_connect(tcp::endpoint(address, target_.port),
-                        beast::bind_front_handler(&Session::onConnect, shared_from_this()));
-    return;
-  }
   resolveTimer_.expires_after(options_.connectTimeout);
   resolveTimer_.async_wait(beast::bind_front_handler(&Session::onResolveTimeout, shared_from_this()));
-  resolver_.async_resolve(target_.host, std::to_string(target_.port),
-                          beast::bind_front_handler(&Session::onResolve, shared_from_this()));
+  resolver_.resolve(target_.host, target_.port, beast::bind_front_handler(&Session::onResolve, shared_from_this()));
 }
 
 void WebSocketEventTransport::Session::close() {
@@ -253,6 +261,7 @@ void WebSocketEventTransport::Session::close() {
   ended_ = true;
   resolver_.cancel();
   resolveTimer_.cancel();
+  closeAttempts();
   if (connected_) {
     // Say goodbye properly; the close has its own timeout, and the read
     // still pending ends with it.
@@ -265,18 +274,68 @@ void WebSocketEventTransport::Session::close() {
 void WebSocketEventTransport::Session::onResolveTimeout(const beast::error_code& error) {
   if (error || ended_) return;
   resolver_.cancel();
-  end("resolving " + target_.host + " took longer than " + seconds(options_.connectTimeout));
+  if (endpoints_.empty()) {
+    return end("resolving " + target_.host + " took longer than " + seconds(options_.connectTimeout));
+  }
+  end("no connection within " + seconds(options_.connectTimeout) +
+      (lastConnectError_.empty() ? std::string() : " (" + lastConnectError_ + ")"));
 }
 
-void WebSocketEventTransport::Session::onResolve(const beast::error_code& error,
-                                                 tcp::resolver::results_type results) {
+void WebSocketEventTransport::Session::onResolve(const std::string& error, Resolver::Endpoints endpoints) {
   if (ended_) return;
   resolveTimer_.cancel();
-  if (error) return end("cannot resolve " + target_.host + ": " + error.message());
-  tcp().expires_after(options_.connectTimeout);
-  tcp().async_connect(results, [self = shared_from_this()](const beast::error_code& error, const tcp::endpoint&) {
-    self->onConnect(error);
+  if (!error.empty()) return end(error);
+  endpoints_ = std::move(endpoints);
+  resolveTimer_.expires_after(options_.connectTimeout);
+  resolveTimer_.async_wait(beast::bind_front_handler(&Session::onResolveTimeout, shared_from_this()));
+  startAttempt();
+}
+
+// A connect race over the addresses: each gets a head start of
+// attemptDelay before the next one joins, a failure lets the next join at
+// once, and the first to connect wins. A dead first address then costs a
+// fraction of a second instead of the whole connect timeout.
+void WebSocketEventTransport::Session::startAttempt() {
+  if (ended_ || nextAttempt_ >= endpoints_.size()) return;
+  const std::size_t index = nextAttempt_++;
+  auto& socket = *attempts_.emplace_back(std::make_unique<tcp::socket>(ioContext_));
+  ++attemptsRunning_;
+  socket.async_connect(endpoints_[index], beast::bind_front_handler(&Session::onAttempt, shared_from_this(), index));
+  if (nextAttempt_ >= endpoints_.size()) return;
+  staggerTimer_.expires_after(options_.attemptDelay);
+  staggerTimer_.async_wait([self = shared_from_this()](const beast::error_code& error) {
+    if (!error) self->startAttempt();
   });
+}
+
+void WebSocketEventTransport::Session::onAttempt(std::size_t index, const beast::error_code& error) {
+  --attemptsRunning_;
+  if (ended_ || attempts_.size() <= index || !attempts_[index]) return;
+  if (error) {
+    std::ostringstream endpoint;
+    endpoint << endpoints_[index];
+    lastConnectError_ = endpoint.str() + ": " + error.message();
+    QELLogging::log("Event channel: cannot connect to %s", 4, kDomain, lastConnectError_);
+    if (nextAttempt_ < endpoints_.size()) return startAttempt();
+    if (attemptsRunning_ == 0) return end("cannot connect: " + lastConnectError_);
+    return;
+  }
+  resolveTimer_.cancel();
+  staggerTimer_.cancel();
+  tcp().socket() = std::move(*attempts_[index]);
+  attempts_[index].reset();
+  closeAttempts();
+  onConnect({});
+}
+
+void WebSocketEventTransport::Session::closeAttempts() {
+  staggerTimer_.cancel();
+  // The losers' handlers still run, aborted, and find their slot empty.
+  for (auto& socket : attempts_) {
+    beast::error_code ignored;
+    if (socket) socket->close(ignored);
+    socket.reset();
+  }
 }
 
 void WebSocketEventTransport::Session::onConnect(const beast::error_code& error) {
@@ -333,7 +392,8 @@ void WebSocketEventTransport::Session::onRead(const beast::error_code& error, st
   if (error == websocket::error::closed) {
     const auto reason = ws_.reason();
     return end("closed by the server (code " + std::to_string(reason.code) +
-               (reason.reason.empty() ? std::string() : ", \"" + std::string(reason.reason.c_str()) + "\"") + ")");
+               (reason.reason.empty() ? std::string() : ", \"" + QELLogging::escaped(reason.reason.c_str()) + "\"") +
+               ")");
   }
   if (error == beast::error::timeout) return end("no frame and no pong for " + seconds(options_.deadAfter));
   if (error) return end(error.message());
@@ -344,8 +404,7 @@ void WebSocketEventTransport::Session::onRead(const beast::error_code& error, st
   if (ws_.is_message_done()) {
     if (oversized_) {
       QELLogging::log("Dropped an event frame of %lu bytes: more than the %lu allowed.", 2, kDomain,
-                      static_cast<unsigned long>(messageSize_),
-                      static_cast<unsigned long>(options_.maximumFrameSize));
+                      static_cast<unsigned long>(messageSize_), static_cast<unsigned long>(options_.maximumFrameSize));
     } else {
       handleMessage();
     }
@@ -380,8 +439,8 @@ void WebSocketEventTransport::Session::handleMessage() {
   }
   if (problem) {
     const std::size_t shown = std::min<std::size_t>(text.size(), 80);
-    QELLogging::log("Dropped an event frame: %s (%s%s)", 2, kDomain, problem, text.substr(0, shown),
-                    shown < text.size() ? "..." : "");
+    QELLogging::log("Dropped an event frame: %s (%s%s)", 2, kDomain, problem,
+                    QELLogging::escaped(text.substr(0, shown)), shown < text.size() ? "..." : "");
     return;
   }
   UserInfo info;
@@ -395,6 +454,7 @@ void WebSocketEventTransport::Session::end(const std::string& why) {
   ended_ = true;
   QELLogging::log("Event channel to %s %s: %s", 2, kDomain, target_.url(), connected_ ? "lost" : "failed", why);
   resolveTimer_.cancel();
+  closeAttempts();
   tcp().close();
   if (auto channel = channel_.lock()) channel->sessionEnded(this, connected_);
 }

@@ -17,6 +17,7 @@ namespace qel::core {
 //   caFile          QEL_CA_FILE            (the system's trust store)
 //   eventPath       QEL_EVENT_PATH         "/skelion/events"
 //   logThreshold    QEL_LOG_LEVEL          3
+//   dnsServers      QEL_DNS_SERVERS        (the system's name servers)
 // `resolve` has no fallback.
 struct QEL_EXPORT QELConfiguration {
   std::optional<std::string> host;
@@ -28,6 +29,9 @@ struct QEL_EXPORT QELConfiguration {
   // replace the name lookup for that host and port (addresses are tried in
   // the order given). For tests and for cabins without working DNS.
   std::vector<std::string> resolve;
+  // Name servers to ask instead of the system's, "ADDR[:PORT][,...]"
+  // (bracket an IPv6 address that has a port).
+  std::optional<std::string> dnsServers;
 
   // Replaces the application's settings (the log threshold is applied now).
   static void set(const QELConfiguration& configuration);

@@ -3,6 +3,7 @@
 #include <qel/Format.h>
 
 #include <functional>
+#include <string>
 #include <string_view>
 
 namespace qel::core {
@@ -39,6 +40,12 @@ class QELLogging {
   // The sink installed now; empty while the default one is in use.
   static Sink sink();
   static void write(int level, std::string_view domain, std::string_view message);
+
+  // `text` made safe to put inside a line: backslashes, control characters
+  // (line breaks among them) and DEL become visible escapes ("\\", "\n",
+  // "\x1b"), so text that a server controls cannot start lines of its own
+  // or drive a terminal. Apply it where such text enters a message.
+  static std::string escaped(std::string_view text);
 };
 
 }  // namespace qel::core

@@ -26,8 +26,9 @@ struct Endpoint {
 //
 // An image source comes from the cabin server's data, which a pushed event can
 // change, so it must not be able to send passengers' devices anywhere: an
-// absolute URL is used as it is only when it names the cabin server's host
-// with https; a path ("/maps/...") is resolved against https://<host>:<port>.
+// absolute URL is used as it is only when it names the cabin server's origin
+// (https, its host and its port: another port on the same host is another
+// origin); a path ("/maps/...") is resolved against https://<host>:<port>.
 // Service (REST) URLs are composed by the framework from the configured host
 // and may use http or https. A URL without a port uses the configured port.
 //

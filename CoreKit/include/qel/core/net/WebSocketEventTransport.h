@@ -13,6 +13,10 @@ namespace qel::core::net {
 // The event channel to the cabin server: a WebSocket over TLS to
 // wss://<host>:<port><eventPath>, verified like every other connection.
 //
+// A host with several addresses is raced: each address gets a short head
+// start (attemptDelay) before the next joins, and the first to connect is
+// used, so a dead address costs a fraction of a second.
+//
 // Each text frame is one JSON object {"name": "...", "userInfo": {...}}
 // ("userInfo" may be absent) and becomes one event for the manager. Frames
 // that are larger than kMaximumFrameSize, binary, or not such an object are
@@ -35,6 +39,7 @@ namespace qel::core::net {
 class WebSocketEventTransport : public EventTransport {
  public:
   static constexpr std::chrono::seconds kConnectTimeout{5};
+  static constexpr std::chrono::milliseconds kAttemptDelay{250};
   static constexpr std::chrono::seconds kDeadAfter{20};
   static constexpr std::chrono::milliseconds kInitialBackoff{500};
   static constexpr std::chrono::seconds kMaximumBackoff{30};
@@ -44,6 +49,9 @@ class WebSocketEventTransport : public EventTransport {
   struct Options {
     // Bounds resolving, connecting and each of the TLS and WebSocket handshakes.
     std::chrono::steady_clock::duration connectTimeout = kConnectTimeout;
+    // With several addresses, how long one connect attempt runs alone
+    // before the next address joins the race.
+    std::chrono::steady_clock::duration attemptDelay = kAttemptDelay;
     std::chrono::steady_clock::duration deadAfter = kDeadAfter;
     std::chrono::steady_clock::duration initialBackoff = kInitialBackoff;
     std::chrono::steady_clock::duration maximumBackoff = kMaximumBackoff;
