@@ -50,7 +50,7 @@ file(RELATIVE_PATH QEL_PC_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p
 if(BUILD_SHARED_LIBS)
   set(QEL_PC_PRIVATE "")
 else()
-  set(QEL_PC_PRIVATE "Requires.private: spng libturbojpeg libssl libcrypto libcurl\nLibs.private: -lboost_url")
+  set(QEL_PC_PRIVATE "Requires.private: spng libturbojpeg libssl libcrypto libcurl libcares\nLibs.private: -lboost_url")
 endif()
 configure_file(cmake/qelmaps.pc.in ${PROJECT_BINARY_DIR}/qelmaps.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qelmaps.pc

@@ -42,7 +42,7 @@ target_include_directories(QELMapsLibrary PUBLIC
 target_compile_definitions(QELMapsLibrary PUBLIC BOOST_ASIO_NO_DEPRECATED)
 target_link_libraries(QELMapsLibrary
   PUBLIC Boost::headers Boost::json Threads::Threads
-  PRIVATE Boost::url OpenSSL::SSL OpenSSL::Crypto CURL::libcurl PkgConfig::SPNG PkgConfig::TURBOJPEG)
+  PRIVATE Boost::url OpenSSL::SSL OpenSSL::Crypto CURL::libcurl PkgConfig::CARES PkgConfig::SPNG PkgConfig::TURBOJPEG)
 if(BUILD_SHARED_LIBS)
   set(QEL_VERSION_SCRIPT ${PROJECT_SOURCE_DIR}/cmake/qelmaps.map)
   target_link_options(QELMapsLibrary PRIVATE -Wl,--version-script=${QEL_VERSION_SCRIPT} -Wl,-z,defs)
