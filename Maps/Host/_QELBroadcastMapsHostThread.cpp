@@ -61,6 +61,9 @@ QELBroadcastMapsHostThread::~QELBroadcastMapsHostThread() {
     service_.reset();
     loop_->stop();
   });
+  // The loop and its io_context go with the thread: the thread may end only
+  // once post() has returned, not merely once the stop has run.
+  stopPosted_.set_value();
   thread_.join();
 }
 
@@ -88,6 +91,7 @@ void QELBroadcastMapsHostThread::run(std::optional<core::QELConfiguration> confi
   publish(std::nullopt);
   ready();
   loop.run();
+  stopPosted_.get_future().wait();
 }
 
 void QELBroadcastMapsHostThread::notificationReceived(const Notification& notification) {

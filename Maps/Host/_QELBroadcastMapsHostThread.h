@@ -10,6 +10,7 @@
 #include <qel/ThreadChecker.h>
 
 #include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -29,8 +30,7 @@ namespace qel::internal {
 // loop thread's.
 //
 //   QELBroadcastMapsHostThread thread(boundary, configuration);
-//   if (thread.isReady()) thread.post([&thread] { thread.service()->start();
-//   });
+//   if (thread.isReady()) thread.post([](QELBroadcastMapsV1& service) { service.start(); });
 class QELBroadcastMapsHostThread {
  public:
   QELBroadcastMapsHostThread(std::shared_ptr<QELBroadcastMapsHostBoundary> boundary,
@@ -60,6 +60,8 @@ class QELBroadcastMapsHostThread {
   std::shared_ptr<Object> observer_;
   std::shared_ptr<const QELBroadcastMapsSnapshot> published_;
   std::unique_ptr<ThreadChecker> threadChecker_;
+  // Set by the destructor once its last post() has returned.
+  std::promise<void> stopPosted_;
   std::thread thread_;
 };
 

@@ -69,16 +69,19 @@ class ApplicationThread {
   ApplicationThread() {
     std::promise<RunLoop*> started;
     auto loop = started.get_future();
-    thread_ = std::thread([&started] {
+    thread_ = std::thread([this, &started] {
       auto& loop = RunLoop::current();
       started.set_value(&loop);
       loop.run();
+      // The loop goes with the thread: not before the stop's post() returned.
+      stopPosted_.get_future().wait();
     });
     loop_ = loop.get();
     id_ = thread_.get_id();
   }
   ~ApplicationThread() {
     loop_->post([loop = loop_] { loop->stop(); });
+    stopPosted_.set_value();
     thread_.join();
   }
   QELBroadcastMapsHost::Executor executor() {
@@ -87,6 +90,7 @@ class ApplicationThread {
   std::thread::id id() const { return id_; }
 
  private:
+  std::promise<void> stopPosted_;
   std::thread thread_;
   RunLoop* loop_ = nullptr;
   std::thread::id id_;
