@@ -74,7 +74,7 @@ TEST(PlatformFormat, StringWithFormatHandlesTheConversionsAndMismatches) {
   EXPECT_EQ(stringWithFormat("%@", std::shared_ptr<test::Thing>()), "(null)");
 }
 
-TEST(PlatformURL, ComposesAndEscapesWhatEachPartDoesNotAllow) {
+TEST(PlatformURL, EscapesWhatEachPartDoesNotAllowAndUnescapesOnlyValidUTF8) {
   URLComponents components;
   components.setScheme("https");
   components.setHost("cabin.local");
@@ -90,9 +90,8 @@ TEST(PlatformURL, ComposesAndEscapesWhatEachPartDoesNotAllow) {
     components.setPath(path);
     EXPECT_EQ(components.string(), std::string("https://cabin.local:8443") + path);
   }
-}
 
-TEST(PlatformURL, RemovingPercentEncodingRefusesMalformedEscapesAndBadUTF8) {
+  // Removing the escapes refuses malformed ones and bad UTF-8.
   EXPECT_EQ(removingPercentEncoding("caf%C3%A9+x"), "café+x");
   for (const char* bad : {"%", "a%2", "%zz", "%FF", "%C3", "%C0%AF", "%ED%A0%80", "%F4%90%80%80"}) {
     EXPECT_EQ(removingPercentEncoding(bad), std::nullopt) << bad;

@@ -104,7 +104,7 @@ TEST(PlatformImage, DecodesPNGAndComparesPicturesNotEncodings) {
   EXPECT_TRUE(*saved == *raw);
 }
 
-TEST(PlatformImage, RefusesWhatIsNotACompletePicture) {
+TEST(PlatformImage, RefusesWhatIsNotACompletePictureAndOversizedOnesFromTheirHeader) {
   EXPECT_EQ(decode({}), nullptr);
   const std::string text = "<html>not found</html>";
   EXPECT_EQ(decode(Bytes(text.begin(), text.end())), nullptr);
@@ -117,9 +117,8 @@ TEST(PlatformImage, RefusesWhatIsNotACompletePicture) {
 
   const Bytes jpeg = encodeJPEG(64, 64, pattern(64, 64, 4));
   EXPECT_EQ(decode(Bytes(jpeg.begin(), jpeg.begin() + jpeg.size() / 2)), nullptr);
-}
 
-TEST(PlatformImage, RefusesOversizedPicturesFromTheirHeaderAlone) {
+  // Oversized pictures are refused from their header alone.
   ASSERT_NE(decode(pngClaiming(16, 16)), nullptr);
   // 100000 x 100000 RGBA would be 40 GB: decoding it would throw or exhaust
   // memory, not return empty at once.
@@ -131,17 +130,17 @@ TEST(PlatformImage, RefusesOversizedPicturesFromTheirHeaderAlone) {
   // is seen to decode, in RGBA order, as it is.
   Bytes flat(32 * 16 * 4);
   for (std::size_t i = 0; i < flat.size(); i += 4) std::memcpy(&flat[i], "\xC8\x64\x32\xFF", 4);
-  Bytes jpeg = encodeJPEG(32, 16, flat);
-  auto image = decode(jpeg);
+  Bytes flatJpeg = encodeJPEG(32, 16, flat);
+  auto image = decode(flatJpeg);
   ASSERT_NE(image, nullptr);
   EXPECT_EQ(image->width(), 32u);
   EXPECT_EQ(image->height(), 16u);
   for (int c = 0; c < 4; ++c) EXPECT_NEAR(image->pixels()[c], flat[c], 3) << "channel " << c;
   const std::uint8_t startOfFrame[] = {0xFF, 0xC0};
-  const auto frame = std::search(jpeg.begin(), jpeg.end(), startOfFrame, startOfFrame + 2);
-  ASSERT_LT(frame + 9, jpeg.end());
+  const auto frame = std::search(flatJpeg.begin(), flatJpeg.end(), startOfFrame, startOfFrame + 2);
+  ASSERT_LT(frame + 9, flatJpeg.end());
   std::fill(frame + 5, frame + 9, 0xFF);  // height, then width
-  EXPECT_EQ(decode(jpeg), nullptr);
+  EXPECT_EQ(decode(flatJpeg), nullptr);
 }
 
 }  // namespace

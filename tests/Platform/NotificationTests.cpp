@@ -117,7 +117,7 @@ struct Recorder {
   QEL_GCC_IGNORE_END
 };
 
-TEST(PlatformNotificationQueue, PostsWaitForTheCurrentCalloutAndDieWithTheirQueue) {
+TEST(PlatformNotificationQueue, PostsWaitForTheCurrentCalloutCoalesceAndDieWithTheirQueue) {
   onFreshLoop([](RunLoop& loop) {
     NotificationCenter center;
     NotificationQueue queue(center, loop);
@@ -135,14 +135,9 @@ TEST(PlatformNotificationQueue, PostsWaitForTheCurrentCalloutAndDieWithTheirQueu
     loop.runPending();
     EXPECT_EQ(seenInside, (Seen{"now"}));
     EXPECT_EQ(recorder.seen, (Seen{"now", "asap", "idle"}));
-  });
-}
 
-TEST(PlatformNotificationQueue, CoalescesOnNameAndSenderKeepingTheWaitingOne) {
-  onFreshLoop([](RunLoop& loop) {
-    NotificationCenter center;
-    NotificationQueue queue(center, loop);
-    Recorder recorder(center);
+    // Coalesced on name and sender, keeping the one that waits.
+    recorder.seen.clear();
     auto a = thing(), b = thing();
     auto enqueue = [&](const char* name, std::shared_ptr<Thing> sender, const char* tag) {
       queue.enqueueNotification(Notification(name, sender, info(tag)), PostingStyle::PostASAP);
@@ -204,7 +199,7 @@ struct Observer : KeyValueObserver {
   QEL_GCC_IGNORE_END
 };
 
-TEST(PlatformKeyValueObserving, EveryAssignmentIsToldBeforeTheSetterReturns) {
+TEST(PlatformKeyValueObserving, EveryAssignmentIsToldBeforeTheSetterReturnsToLiveObserversOnly) {
   auto controller = std::make_shared<Controller>();
   auto observer = std::make_shared<Observer>();
   controller->addObserver(observer, "record", KeyValueObservingOptions::New, nullptr);
@@ -215,10 +210,8 @@ TEST(PlatformKeyValueObserving, EveryAssignmentIsToldBeforeTheSetterReturns) {
   controller->setRecord(nullptr);  // nothing at all
   controller->setTitle("other key path");
   EXPECT_EQ(observer->calls, (Seen{"record=7", "record=7", "record=null"}));
-}
 
-TEST(PlatformKeyValueObserving, ObserversAreWeakAndMayBeRemovedEvenDuringANotification) {
-  auto controller = std::make_shared<Controller>();
+  // Observers are weak and may be removed even during a notification.
   auto gone = std::make_shared<Observer>(), remover = std::make_shared<Observer>(),
        removed = std::make_shared<Observer>();
   controller->addObserver(gone, "title", KeyValueObservingOptions::None, nullptr);

@@ -20,7 +20,7 @@ namespace {
 using test::onFreshLoop;
 using Order = std::vector<std::string>;
 
-TEST(PlatformRunLoop, PostedWorkRunsAfterTheCurrentCallout) {
+TEST(PlatformRunLoop, PostedWorkRunsAfterTheCurrentCalloutAndDueCallsInDeadlineOrder) {
   onFreshLoop([](RunLoop& loop) {
     Order order;
     loop.post([&] {
@@ -32,14 +32,11 @@ TEST(PlatformRunLoop, PostedWorkRunsAfterTheCurrentCallout) {
     EXPECT_TRUE(order.empty());
     EXPECT_EQ(loop.runPending(), 3u);
     EXPECT_EQ(order, (Order{"first", "first ends", "second", "posted by first"}));
-  });
-}
 
-TEST(PlatformRunLoop, ManualClockFiresDueCallsInDeadlineOrderWithPostedWorkBetween) {
-  onFreshLoop([](RunLoop& loop) {
+    // A manual clock fires due calls in deadline order, with posted work between.
     loop.useManualClock();
     const auto start = loop.now();
-    Order order;
+    order.clear();
     // The handles are dropped at once: the calls still run.
     loop.schedule(3s, [&] { order.push_back("c@3"); });
     loop.schedule(1s, [&] {
@@ -133,7 +130,7 @@ struct Target : Object {
   std::shared_ptr<Timer> timer;
 };
 
-TEST(PlatformTimer, OneShotHoldsItsTargetUntilItFiresOnce) {
+TEST(PlatformTimer, HoldsItsTargetUntilDoneAndRepeatsUntilInvalidatedEvenFromItsOwnAction) {
   onFreshLoop([](RunLoop& loop) {
     loop.useManualClock();
     int fired = 0;
@@ -148,15 +145,10 @@ TEST(PlatformTimer, OneShotHoldsItsTargetUntilItFiresOnce) {
     loop.advance(1ms);
     EXPECT_EQ(fired, 1);
     EXPECT_TRUE(weak.expired());  // let go once fired, though the timer lives on
-  });
-}
 
-TEST(PlatformTimer, RepeatsUntilInvalidatedEvenFromItsOwnAction) {
-  onFreshLoop([](RunLoop& loop) {
-    loop.useManualClock();
-    int fired = 0;
-    auto target = std::make_shared<Target>();
-    std::weak_ptr<Target> weak = target;
+    fired = 0;
+    target = std::make_shared<Target>();
+    weak = target;
     Timer::scheduledTimer(0.5, target, &Target::tick, false)->invalidate();
     // The target holds its own timer and lets go of it from the action: the
     // shape of every retry in the framework.
