@@ -6,6 +6,7 @@
 
 #include <qel/core/QELLogging.h>
 
+#include <boost/asio/ip/tcp.hpp>
 #include <gmock/gmock.h>
 
 #include <algorithm>
