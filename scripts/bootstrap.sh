@@ -6,7 +6,7 @@ packages=(
   cmake ninja-build pkg-config g++ clang-14 libclang-rt-14-dev
   libboost1.81-dev libboost-json1.81-dev libboost-url1.81-dev
   libssl-dev libspng-dev libturbojpeg0-dev libcairo2-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev python3-pytest
 )
 
 missing=()
