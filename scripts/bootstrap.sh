@@ -7,7 +7,7 @@ packages=(
   libboost1.81-dev libboost-json1.81-dev libboost-url1.81-dev
   libssl-dev libcurl4-openssl-dev libc-ares-dev libspng-dev libturbojpeg0-dev libcairo2-dev
   nginx
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev python3-pytest
   dpkg-dev file valgrind
   qt6-base-dev
 )

@@ -13,6 +13,7 @@ allowed="^(typeinfo for |typeinfo name for |vtable for |VTT for )?qel::($classes
 allowed+="|^qel::(describe|floatValue|stringWithFormatArgs|operator==)[[(]"
 allowed+="|^qel::(internal::)?QELBroadcastMaps[A-Za-z]+Notification$"
 allowed+="|^(QELMapsVersionString|QELMapsVersionNumber|QELMAPS_1)$"
+allowed+="|^qelmaps_[a-z0-9_]+$"
 
 symbols=$(nm -D --defined-only -C "$lib" | cut -d' ' -f3- | sed 's/@@\?QELMAPS_1$//')
 count=$(wc -l <<<"$symbols")

@@ -1,0 +1,350 @@
+/*
+ * qelmaps.h: the broadcast moving map of the cabin network, for applications
+ * written in C or in any language that can call C (Swift, Kotlin and Java
+ * through JNI or the foreign-function API, Python through ctypes).
+ *
+ * A client runs the map service on a thread of its own (the library's
+ * thread). The application configures where the cabin server is, registers
+ * callbacks, creates the client, chooses a resolution and starts; each time
+ * the map changes a callback runs, and the application reads the available
+ * resolutions and the latest picture (RGBA pixels) from the client.
+ *
+ * Conventions, for every function below unless its documentation says more:
+ *
+ *  - Errors. A function that can fail returns a qelmaps_error; QELMAPS_OK
+ *    (zero) means success. On failure nothing is changed and no output
+ *    argument is written, except where documented. qelmaps_error_string()
+ *    names each code. No function aborts the process on a bad argument: a
+ *    NULL handle or pointer yields QELMAPS_ERROR_NULL_ARGUMENT, a value out
+ *    of range QELMAPS_ERROR_INVALID_ARGUMENT. (Passing a pointer that is not
+ *    NULL but also not a live handle of the right kind is undefined, as
+ *    with any C library.)
+ *  - Ownership. Strings passed in are copied before the function returns.
+ *    Strings returned are static and never freed. Objects returned with a
+ *    reference (qelmaps_picture) are released by the caller with their own
+ *    release function; memory the caller passes in stays the caller's.
+ *  - Threading. Every client function may be called from any thread, also
+ *    from inside a callback, except qelmaps_client_destroy() as documented
+ *    there. A configuration object is not thread-safe: fill it on one
+ *    thread, then hand it to qelmaps_client_create().
+ *  - One client per process: the service shares process-wide state (the map
+ *    record, the event channel, the log sink) with every other map service
+ *    of the process.
+ *
+ * Example (error checks left out):
+ *
+ *   static void on_image(qelmaps_client *client, qelmaps_event event, void *ud) {
+ *     qelmaps_picture *picture;
+ *     if (qelmaps_client_picture(client, &picture) == QELMAPS_OK) {
+ *       show(qelmaps_picture_pixels(picture), qelmaps_picture_width(picture),
+ *            qelmaps_picture_height(picture), qelmaps_picture_stride(picture));
+ *       qelmaps_picture_release(picture);
+ *     }
+ *   }
+ *
+ *   qelmaps_config *config = qelmaps_config_create();
+ *   qelmaps_config_set_host(config, "cabin.local");
+ *   qelmaps_config_set_callback(config, QELMAPS_EVENT_IMAGE_DID_CHANGE, on_image, NULL);
+ *   qelmaps_client *client;
+ *   qelmaps_client_create(config, &client);
+ *   qelmaps_config_destroy(config);
+ *   qelmaps_client_choose_resolution(client, 1024, 768);
+ *   qelmaps_client_start(client);
+ *   ...
+ *   qelmaps_client_destroy(client);
+ *
+ * Link with pkg-config's "qelmaps" package.
+ */
+#ifndef QELMAPS_QELMAPS_H
+#define QELMAPS_QELMAPS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Marks the functions the shared library exports. */
+#if defined(__GNUC__) || defined(__clang__)
+#define QELMAPS_C_API __attribute__((visibility("default")))
+#else
+#define QELMAPS_C_API
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* Errors                                                                   */
+/* ------------------------------------------------------------------------ */
+
+typedef enum qelmaps_error {
+  QELMAPS_OK = 0,
+  /* A required handle or pointer argument is NULL. */
+  QELMAPS_ERROR_NULL_ARGUMENT = 1,
+  /* A value is out of range: a port of 0 or above 65535, a width or height
+   * that is not a positive finite number, an unknown event. */
+  QELMAPS_ERROR_INVALID_ARGUMENT = 2,
+  /* There is no map picture (not received yet, or no map data). */
+  QELMAPS_ERROR_NO_PICTURE = 3,
+  /* No resolution is chosen. */
+  QELMAPS_ERROR_NO_RESOLUTION = 4,
+  /* The caller's buffer is too small; the needed size was written. */
+  QELMAPS_ERROR_BUFFER_TOO_SMALL = 5,
+  /* Another client of this process is alive. */
+  QELMAPS_ERROR_BUSY = 6,
+  /* The map service could not be made. */
+  QELMAPS_ERROR_UNAVAILABLE = 7,
+  /* The call is not allowed on this thread (destroy from a callback running
+   * on the library's thread). */
+  QELMAPS_ERROR_WRONG_THREAD = 8,
+  /* Memory ran out. */
+  QELMAPS_ERROR_OUT_OF_MEMORY = 9
+} qelmaps_error;
+
+/* The name of an error code, such as "QELMAPS_ERROR_NULL_ARGUMENT", or
+ * "QELMAPS_ERROR_UNKNOWN" for a value outside the enum. Static; never NULL.
+ * Thread-safe. */
+QELMAPS_C_API const char *qelmaps_error_string(qelmaps_error error);
+
+/* ------------------------------------------------------------------------ */
+/* Versions                                                                 */
+/* ------------------------------------------------------------------------ */
+
+/* The library's version, "MAJOR.MINOR.PATCH". Static; thread-safe. */
+QELMAPS_C_API const char *qelmaps_version(void);
+
+/* The map service's version, "03.19.02.00". Static; thread-safe. */
+QELMAPS_C_API const char *qelmaps_service_version(void);
+
+/* "@(#)PROGRAM:QELMaps  PROJECT:Maps-1" and a line feed, for tools that look
+ * for the "@(#)" marker in binaries, and the framework's version number. */
+extern QELMAPS_C_API const unsigned char QELMapsVersionString[];
+extern QELMAPS_C_API const double QELMapsVersionNumber;
+
+/* ------------------------------------------------------------------------ */
+/* Notifications                                                            */
+/* ------------------------------------------------------------------------ */
+
+/* The names of the service's notifications, as other language bindings and
+ * logs spell them. */
+#define QELMAPS_AVAILABLE_RESOLUTIONS_DID_CHANGE_NOTIFICATION "BROADCAST_MAPS_AVAILABLE_RESOLUTIONS_DID_CHANGE"
+#define QELMAPS_IMAGE_DID_CHANGE_NOTIFICATION "BROADCAST_MAPS_IMAGE_DID_CHANGE"
+#define QELMAPS_IMAGE_DID_STOP_RECEIVING_IMAGE_NOTIFICATION "BROADCAST_MAPS_IMAGE_DID_STOP_RECEIVING_IMAGE"
+#define QELMAPS_ERROR_NOTIFICATION "BROADCAST_MAPS_ERROR"
+#define QELMAPS_IMAGE_DID_START_RECEIVING_IMAGE_NOTIFICATION "BROADCAST_MAPS_IMAGE_DID_START_RECEIVING_IMAGE"
+
+/* What a callback announces. */
+typedef enum qelmaps_event {
+  /* Another set of resolutions: read qelmaps_client_resolutions(). */
+  QELMAPS_EVENT_AVAILABLE_RESOLUTIONS_DID_CHANGE = 0,
+  /* Another picture, or none any more: read qelmaps_client_picture(). */
+  QELMAPS_EVENT_IMAGE_DID_CHANGE = 1,
+  /* Reception stopped because another party announced it stopped. */
+  QELMAPS_EVENT_IMAGE_DID_STOP_RECEIVING_IMAGE = 2,
+  /* There is no map data: the cabin server is out of reach or failed. */
+  QELMAPS_EVENT_ERROR = 3,
+  /* Reception started. Delivered, but not worth relying on. */
+  QELMAPS_EVENT_IMAGE_DID_START_RECEIVING_IMAGE = 4,
+  /* A call of the application (start, stop, a resolution choice) changed
+   * the client's state without the service announcing anything. */
+  QELMAPS_EVENT_STATE_DID_CHANGE = 5
+} qelmaps_event;
+
+/* The notification name of `event` (one of the macros above), "" for
+ * QELMAPS_EVENT_STATE_DID_CHANGE, NULL for a value outside the enum. Static;
+ * thread-safe. */
+QELMAPS_C_API const char *qelmaps_event_name(qelmaps_event event);
+
+/* ------------------------------------------------------------------------ */
+/* Handles                                                                  */
+/* ------------------------------------------------------------------------ */
+
+typedef struct qelmaps_config qelmaps_config;
+typedef struct qelmaps_client qelmaps_client;
+typedef struct qelmaps_picture qelmaps_picture;
+typedef struct qelmaps_task qelmaps_task;
+
+/* One picture size offered by the cabin server, in pixels. */
+typedef struct qelmaps_size {
+  double width;
+  double height;
+} qelmaps_size;
+
+/* Runs for each notification whose event it was registered for. `client` is
+ * the client that announced it; inside the callback, the client's read
+ * functions (resolutions, picture, state) return what the client held when
+ * the notification was made, even if the map has moved on since.
+ *
+ * Thread: the library's own thread, unless a dispatch hook is set
+ * (qelmaps_config_set_dispatch), in which case the thread that runs the
+ * task. A callback running on the library's thread must return promptly and
+ * must not destroy the client. */
+typedef void (*qelmaps_callback)(qelmaps_client *client, qelmaps_event event, void *user_data);
+
+/* Hands one delivery to the application's loop: the application must later
+ * call qelmaps_task_run(task) exactly once, on the thread where callbacks
+ * should run, or qelmaps_task_discard(task) if its loop is going away.
+ * Called on the library's thread; must not block and must not run the task
+ * itself. */
+typedef void (*qelmaps_dispatch)(qelmaps_task *task, void *user_data);
+
+/* Receives one log line: `level` 1 is the most severe, higher is more
+ * detailed; `domain` names where the line comes from. Both strings are valid
+ * only during the call. Called on the library's thread. */
+typedef void (*qelmaps_log_callback)(int level, const char *domain, const char *message, void *user_data);
+
+/* ------------------------------------------------------------------------ */
+/* Configuration                                                            */
+/* ------------------------------------------------------------------------ */
+
+/* A new, empty configuration, or NULL when memory runs out. Every setting
+ * left unset falls back to an environment variable, then to a default:
+ *   host          QEL_SKELION_HOSTNAME   (none: the client has no map data)
+ *   port          QEL_SKELION_PORT       443
+ *   CA file       QEL_CA_FILE            the system's trust store
+ *   event path    QEL_EVENT_PATH         "/skelion/events"
+ *   log threshold QEL_LOG_LEVEL          3
+ * Free it with qelmaps_config_destroy(); a client keeps its own copy. */
+QELMAPS_C_API qelmaps_config *qelmaps_config_create(void);
+
+/* Frees a configuration. NULL is ignored. */
+QELMAPS_C_API void qelmaps_config_destroy(qelmaps_config *config);
+
+/* The cabin server's host name or address. NULL_ARGUMENT for a NULL config
+ * or host. */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_host(qelmaps_config *config, const char *host);
+
+/* The cabin server's HTTPS port. INVALID_ARGUMENT outside 1..65535. */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_port(qelmaps_config *config, int port);
+
+/* A PEM file of the certificates to trust instead of the system's store. */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_ca_file(qelmaps_config *config, const char *path);
+
+/* The path of the server's event WebSocket. */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_event_path(qelmaps_config *config, const char *path);
+
+/* Log lines above `threshold` are dropped (1 only the most severe; 5 all).
+ * INVALID_ARGUMENT below 0. */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_log_threshold(qelmaps_config *config, int threshold);
+
+/* Routes the library's log lines to `callback` instead of standard error,
+ * from qelmaps_client_create() until qelmaps_client_destroy() returns. A
+ * NULL callback restores standard error. */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_log_callback(qelmaps_config *config,
+                                                            qelmaps_log_callback callback,
+                                                            void *user_data);
+
+/* Registers `callback` (NULL: none) for `event`, replacing an earlier one.
+ * INVALID_ARGUMENT for an unknown event. */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_callback(qelmaps_config *config, qelmaps_event event,
+                                                        qelmaps_callback callback, void *user_data);
+
+/* Makes callbacks run on the application's loop: each delivery is handed to
+ * `dispatch` as a task (see qelmaps_dispatch). A NULL `dispatch` (the
+ * default) runs callbacks on the library's thread. */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_dispatch(qelmaps_config *config, qelmaps_dispatch dispatch,
+                                                        void *user_data);
+
+/* ------------------------------------------------------------------------ */
+/* Dispatched tasks                                                         */
+/* ------------------------------------------------------------------------ */
+
+/* Runs the task's callback on the calling thread, then frees the task. If
+ * its client has been destroyed in the meantime, only frees it. NULL is
+ * ignored. */
+QELMAPS_C_API void qelmaps_task_run(qelmaps_task *task);
+
+/* Frees the task without running it. NULL is ignored. */
+QELMAPS_C_API void qelmaps_task_discard(qelmaps_task *task);
+
+/* ------------------------------------------------------------------------ */
+/* Client                                                                   */
+/* ------------------------------------------------------------------------ */
+
+/* Starts the library's thread, makes the map service there and writes the
+ * new client to *out; returns once it is ready. The configuration is copied
+ * and may be destroyed right after. Nothing is received until
+ * qelmaps_client_start().
+ * Errors: NULL_ARGUMENT (config or out), BUSY (another client is alive),
+ * UNAVAILABLE, OUT_OF_MEMORY. */
+QELMAPS_C_API qelmaps_error qelmaps_client_create(const qelmaps_config *config, qelmaps_client **out);
+
+/* Stops the service, ends the library's thread and frees the client. From
+ * the moment it is called no callback runs any more, also not for tasks
+ * still queued by a dispatch hook (run or discard them as usual: they only
+ * free themselves); a callback already running on another thread completes
+ * before this returns. Pictures obtained from the client stay valid until
+ * released. NULL is ignored (QELMAPS_OK).
+ * Threading: any thread, including a callback delivered through a dispatch
+ * hook; but not a callback running on the library's thread, which yields
+ * WRONG_THREAD and leaves the client alive. */
+QELMAPS_C_API qelmaps_error qelmaps_client_destroy(qelmaps_client *client);
+
+/* Starts receiving the map: the service fetches the map record, follows the
+ * server's events and downloads the picture of the chosen resolution.
+ * Asynchronous: returns at once. */
+QELMAPS_C_API qelmaps_error qelmaps_client_start(qelmaps_client *client);
+
+/* Stops receiving. Asynchronous; the last picture stays readable. */
+QELMAPS_C_API qelmaps_error qelmaps_client_stop(qelmaps_client *client);
+
+/* Chooses the picture size to download from the next download on. A size
+ * the server does not list is kept (and used when the server lists it); in
+ * the meantime the first listed size is downloaded. Asynchronous.
+ * Errors: NULL_ARGUMENT, INVALID_ARGUMENT (not positive and finite). */
+QELMAPS_C_API qelmaps_error qelmaps_client_choose_resolution(qelmaps_client *client, double width,
+                                                             double height);
+
+/* Forgets the choice: the first listed size is downloaded. Asynchronous. */
+QELMAPS_C_API qelmaps_error qelmaps_client_clear_resolution(qelmaps_client *client);
+
+/* Copies the sizes the server offers, in its listing order, into
+ * `sizes[0..capacity)` and writes their number to *count. With `sizes` NULL
+ * and `capacity` 0 only the number is written. When `capacity` is smaller
+ * than the number, the first `capacity` sizes are copied, *count holds the
+ * full number and BUFFER_TOO_SMALL is returned. No map data: *count is 0.
+ * Errors: NULL_ARGUMENT (client or count, or sizes with capacity > 0),
+ * BUFFER_TOO_SMALL. */
+QELMAPS_C_API qelmaps_error qelmaps_client_resolutions(qelmaps_client *client, qelmaps_size *sizes,
+                                                       size_t capacity, size_t *count);
+
+/* Writes the chosen size to *size. Errors: NULL_ARGUMENT, NO_RESOLUTION. */
+QELMAPS_C_API qelmaps_error qelmaps_client_current_resolution(qelmaps_client *client, qelmaps_size *size);
+
+/* Writes 1 to *receiving between start and stop, else 0; writes 1 to
+ * *has_map_data while the server answers with a map record that lists a
+ * picture, else 0. Either pointer may be NULL (not both). */
+QELMAPS_C_API qelmaps_error qelmaps_client_state(qelmaps_client *client, int *receiving, int *has_map_data);
+
+/* Writes a new reference to the latest map picture to *picture; release it
+ * with qelmaps_picture_release(). The pixels are shared, not copied, and
+ * never change. Errors: NULL_ARGUMENT, NO_PICTURE, OUT_OF_MEMORY. */
+QELMAPS_C_API qelmaps_error qelmaps_client_picture(qelmaps_client *client, qelmaps_picture **picture);
+
+/* ------------------------------------------------------------------------ */
+/* Pictures: immutable, reference-counted, usable from any thread           */
+/* ------------------------------------------------------------------------ */
+
+/* Another reference to the same picture (returns `picture`). NULL gives
+ * NULL. */
+QELMAPS_C_API qelmaps_picture *qelmaps_picture_retain(qelmaps_picture *picture);
+
+/* Drops a reference; the last one frees the picture. NULL is ignored. */
+QELMAPS_C_API void qelmaps_picture_release(qelmaps_picture *picture);
+
+/* Size in pixels; 0 for NULL. */
+QELMAPS_C_API size_t qelmaps_picture_width(const qelmaps_picture *picture);
+QELMAPS_C_API size_t qelmaps_picture_height(const qelmaps_picture *picture);
+
+/* Bytes from one row to the next (at least width * 4); 0 for NULL. */
+QELMAPS_C_API size_t qelmaps_picture_stride(const qelmaps_picture *picture);
+
+/* The pixels: `height` rows of `stride` bytes, each pixel 4 bytes R, G, B, A
+ * (straight alpha). Valid while the caller holds a reference. NULL for
+ * NULL. */
+QELMAPS_C_API const uint8_t *qelmaps_picture_pixels(const qelmaps_picture *picture);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QELMAPS_QELMAPS_H */

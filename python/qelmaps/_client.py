@@ -1,0 +1,279 @@
+"""ctypes bindings of <QELMaps/qelmaps.h> and the Client built on them."""
+
+import ctypes
+import ctypes.util
+import os
+import queue
+import threading
+from typing import Callable, Dict, List, NamedTuple, Optional, Tuple
+
+# The events, by the notification names the C header defines.
+AVAILABLE_RESOLUTIONS_DID_CHANGE = "BROADCAST_MAPS_AVAILABLE_RESOLUTIONS_DID_CHANGE"
+IMAGE_DID_CHANGE = "BROADCAST_MAPS_IMAGE_DID_CHANGE"
+IMAGE_DID_STOP_RECEIVING_IMAGE = "BROADCAST_MAPS_IMAGE_DID_STOP_RECEIVING_IMAGE"
+ERROR = "BROADCAST_MAPS_ERROR"
+IMAGE_DID_START_RECEIVING_IMAGE = "BROADCAST_MAPS_IMAGE_DID_START_RECEIVING_IMAGE"
+STATE_DID_CHANGE = "STATE_DID_CHANGE"  # a call of the application changed the state
+_EVENTS = [
+    AVAILABLE_RESOLUTIONS_DID_CHANGE,
+    IMAGE_DID_CHANGE,
+    IMAGE_DID_STOP_RECEIVING_IMAGE,
+    ERROR,
+    IMAGE_DID_START_RECEIVING_IMAGE,
+    STATE_DID_CHANGE,
+]
+
+_OK, _NO_PICTURE, _NO_RESOLUTION, _BUFFER_TOO_SMALL = 0, 3, 4, 5
+
+
+class _Size(ctypes.Structure):
+    _fields_ = [("width", ctypes.c_double), ("height", ctypes.c_double)]
+
+
+_CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p)
+_DISPATCH = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_void_p)
+_LOG = ctypes.CFUNCTYPE(None, ctypes.c_int, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_void_p)
+
+
+def _load() -> ctypes.CDLL:
+    path = os.environ.get("QELMAPS_LIBRARY") or ctypes.util.find_library("qelmaps") or "libqelmaps.so.1"
+    lib = ctypes.CDLL(path)
+    p, i, d, e, s = ctypes.c_void_p, ctypes.c_int, ctypes.c_double, ctypes.c_int, ctypes.c_size_t
+    signatures = {
+        "qelmaps_error_string": (ctypes.c_char_p, [e]),
+        "qelmaps_version": (ctypes.c_char_p, []),
+        "qelmaps_service_version": (ctypes.c_char_p, []),
+        "qelmaps_config_create": (p, []),
+        "qelmaps_config_destroy": (None, [p]),
+        "qelmaps_config_set_host": (e, [p, ctypes.c_char_p]),
+        "qelmaps_config_set_port": (e, [p, i]),
+        "qelmaps_config_set_ca_file": (e, [p, ctypes.c_char_p]),
+        "qelmaps_config_set_event_path": (e, [p, ctypes.c_char_p]),
+        "qelmaps_config_set_log_threshold": (e, [p, i]),
+        "qelmaps_config_set_log_callback": (e, [p, _LOG, p]),
+        "qelmaps_config_set_callback": (e, [p, i, _CALLBACK, p]),
+        "qelmaps_config_set_dispatch": (e, [p, _DISPATCH, p]),
+        "qelmaps_task_run": (None, [p]),
+        "qelmaps_task_discard": (None, [p]),
+        "qelmaps_client_create": (e, [p, ctypes.POINTER(p)]),
+        "qelmaps_client_destroy": (e, [p]),
+        "qelmaps_client_start": (e, [p]),
+        "qelmaps_client_stop": (e, [p]),
+        "qelmaps_client_choose_resolution": (e, [p, d, d]),
+        "qelmaps_client_clear_resolution": (e, [p]),
+        "qelmaps_client_resolutions": (e, [p, ctypes.POINTER(_Size), s, ctypes.POINTER(s)]),
+        "qelmaps_client_current_resolution": (e, [p, ctypes.POINTER(_Size)]),
+        "qelmaps_client_state": (e, [p, ctypes.POINTER(i), ctypes.POINTER(i)]),
+        "qelmaps_client_picture": (e, [p, ctypes.POINTER(p)]),
+        "qelmaps_picture_release": (None, [p]),
+        "qelmaps_picture_width": (s, [p]),
+        "qelmaps_picture_height": (s, [p]),
+        "qelmaps_picture_stride": (s, [p]),
+        "qelmaps_picture_pixels": (p, [p]),
+    }
+    for name, (restype, argtypes) in signatures.items():
+        function = getattr(lib, name)
+        function.restype = restype
+        function.argtypes = argtypes
+    return lib
+
+
+_lib = _load()
+
+
+class Error(Exception):
+    """A call of the C API failed; ``code`` is its error name."""
+
+    def __init__(self, code: int, what: str):
+        self.code = _lib.qelmaps_error_string(code).decode()
+        super().__init__(f"{what}: {self.code}")
+
+
+def _check(code: int, what: str) -> None:
+    if code != _OK:
+        raise Error(code, what)
+
+
+def version() -> str:
+    return _lib.qelmaps_version().decode()
+
+
+def service_version() -> str:
+    return _lib.qelmaps_service_version().decode()
+
+
+class Picture(NamedTuple):
+    """A map picture: ``height`` rows of ``width`` RGBA pixels, packed."""
+
+    width: int
+    height: int
+    pixels: bytes
+
+
+def _size(size: _Size) -> Tuple[float, float]:
+    # Whole pixel counts come back as ints, as they were sent.
+    return tuple(int(v) if float(v).is_integer() else v for v in (size.width, size.height))
+
+
+class Client:
+    """The broadcast map. Methods may be called from any thread.
+
+    Callbacks registered with ``on()`` run on the thread ``qelmaps-callbacks``
+    with ``(client, event)``; read the client there (``resolutions()``,
+    ``picture()``). After ``close()`` returns no callback runs any more.
+    Settings left out fall back to the QEL_* environment variables.
+    """
+
+    def __init__(self, host: Optional[str] = None, port: Optional[int] = None, ca_file: Optional[str] = None,
+                 event_path: Optional[str] = None, log_level: Optional[int] = None,
+                 log: Optional[Callable[[int, str, str], None]] = None):
+        self._handlers: Dict[str, List[Callable]] = {}
+        self._tasks: "queue.SimpleQueue" = queue.SimpleQueue()
+        self._lock = threading.Lock()
+        self._handle = ctypes.c_void_p()
+        # ctypes trampolines must outlive every call the library may make.
+        self._on_event = _CALLBACK(self._deliver)
+        self._on_dispatch = _DISPATCH(lambda task, _: self._tasks.put(task))
+        self._on_log = _LOG(lambda level, domain, message, _: log(level, domain.decode(errors="replace"),
+                                                                   message.decode(errors="replace"))) if log else None
+        config = _lib.qelmaps_config_create()
+        if not config:
+            raise MemoryError
+        try:
+            if host is not None:
+                _check(_lib.qelmaps_config_set_host(config, host.encode()), "host")
+            if port is not None:
+                _check(_lib.qelmaps_config_set_port(config, port), "port")
+            if ca_file is not None:
+                _check(_lib.qelmaps_config_set_ca_file(config, os.fsencode(ca_file)), "ca_file")
+            if event_path is not None:
+                _check(_lib.qelmaps_config_set_event_path(config, event_path.encode()), "event_path")
+            if log_level is not None:
+                _check(_lib.qelmaps_config_set_log_threshold(config, log_level), "log_level")
+            if self._on_log:
+                _check(_lib.qelmaps_config_set_log_callback(config, self._on_log, None), "log")
+            _check(_lib.qelmaps_config_set_dispatch(config, self._on_dispatch, None), "dispatch")
+            for index in range(len(_EVENTS)):
+                _check(_lib.qelmaps_config_set_callback(config, index, self._on_event, None), "callback")
+            _check(_lib.qelmaps_client_create(config, ctypes.byref(self._handle)), "create")
+        finally:
+            _lib.qelmaps_config_destroy(config)
+        self._thread = threading.Thread(target=self._run, name="qelmaps-callbacks", daemon=True)
+        self._thread.start()
+
+    # Context manager: close() on the way out.
+    def __enter__(self) -> "Client":
+        return self
+
+    def __exit__(self, *exc) -> None:
+        self.close()
+
+    def on(self, event: str, handler: Callable[["Client", str], None]) -> None:
+        """Calls ``handler(client, event)`` for each ``event`` (one of the constants)."""
+        if event not in _EVENTS:
+            raise ValueError(f"unknown event {event!r}")
+        with self._lock:
+            self._handlers.setdefault(event, []).append(handler)
+
+    def start(self) -> None:
+        _check(_lib.qelmaps_client_start(self._live()), "start")
+
+    def stop(self) -> None:
+        _check(_lib.qelmaps_client_stop(self._live()), "stop")
+
+    def choose_resolution(self, width: float, height: float) -> None:
+        _check(_lib.qelmaps_client_choose_resolution(self._live(), width, height), "choose_resolution")
+
+    def clear_resolution(self) -> None:
+        _check(_lib.qelmaps_client_clear_resolution(self._live()), "clear_resolution")
+
+    def resolutions(self) -> List[Tuple[float, float]]:
+        """The sizes the server offers as (width, height), in its order; [] without map data."""
+        handle, count = self._live(), ctypes.c_size_t()
+        while True:
+            sizes = (_Size * max(count.value, 1))()
+            code = _lib.qelmaps_client_resolutions(handle, sizes, len(sizes), ctypes.byref(count))
+            if code != _BUFFER_TOO_SMALL:
+                _check(code, "resolutions")
+                return [_size(sizes[i]) for i in range(count.value)]
+
+    def current_resolution(self) -> Optional[Tuple[float, float]]:
+        size = _Size()
+        code = _lib.qelmaps_client_current_resolution(self._live(), ctypes.byref(size))
+        if code == _NO_RESOLUTION:
+            return None
+        _check(code, "current_resolution")
+        return _size(size)
+
+    @property
+    def receiving(self) -> bool:
+        return self._state()[0]
+
+    @property
+    def has_map_data(self) -> bool:
+        return self._state()[1]
+
+    def picture(self) -> Optional[Picture]:
+        """The latest map picture (pixels copied into bytes), or None."""
+        handle = ctypes.c_void_p()
+        code = _lib.qelmaps_client_picture(self._live(), ctypes.byref(handle))
+        if code == _NO_PICTURE:
+            return None
+        _check(code, "picture")
+        try:
+            width, height = _lib.qelmaps_picture_width(handle), _lib.qelmaps_picture_height(handle)
+            stride = _lib.qelmaps_picture_stride(handle)
+            data = ctypes.string_at(_lib.qelmaps_picture_pixels(handle), stride * height)
+            if stride != width * 4:
+                data = b"".join(data[row * stride:row * stride + width * 4] for row in range(height))
+            return Picture(width, height, data)
+        finally:
+            _lib.qelmaps_picture_release(handle)
+
+    def close(self) -> None:
+        """Stops the map; no callback runs once this returns. Safe to call twice, and from a callback."""
+        with self._lock:
+            handle, self._handle = self._handle, ctypes.c_void_p()
+        if handle:
+            _check(_lib.qelmaps_client_destroy(handle), "close")
+            self._tasks.put(None)
+            if threading.current_thread() is not self._thread:
+                self._thread.join()
+
+    def _live(self) -> ctypes.c_void_p:
+        handle = self._handle
+        if not handle:
+            raise ValueError("the client is closed")
+        return handle
+
+    def _state(self) -> Tuple[bool, bool]:
+        receiving, has_map_data = ctypes.c_int(), ctypes.c_int()
+        _check(_lib.qelmaps_client_state(self._live(), ctypes.byref(receiving), ctypes.byref(has_map_data)), "state")
+        return bool(receiving.value), bool(has_map_data.value)
+
+    # The callbacks thread: runs every queued delivery; after close() the
+    # library turns the rest into no-ops, which only free themselves.
+    def _run(self) -> None:
+        while True:
+            task = self._tasks.get()
+            if task is None:
+                break
+            _lib.qelmaps_task_run(task)
+        while True:
+            try:
+                task = self._tasks.get_nowait()
+            except queue.Empty:
+                return
+            if task is not None:
+                _lib.qelmaps_task_discard(task)
+
+    def _deliver(self, _client, event, _user_data) -> None:
+        name = _EVENTS[event] if 0 <= event < len(_EVENTS) else None
+        with self._lock:
+            handlers = list(self._handlers.get(name, ()))
+        for handler in handlers:
+            try:
+                handler(self, name)
+            except Exception:  # a failing handler must not stop the others
+                import traceback
+                traceback.print_exc()
