@@ -9,6 +9,7 @@ include(CMakePackageConfigHelpers)
 # builds against the installed tree alone, so a missing header fails it.
 install(FILES
   Maps/include/QELMaps/QELMaps.h
+  Maps/include/QELMaps/qelmaps.h
   Maps/include/QELMaps/QELBroadcastMapsHost.h
   Maps/include/QELMaps/QELBroadcastMapsNotifications.h
   Maps/include/QELMaps/QELBroadcastMapsSnapshot.h

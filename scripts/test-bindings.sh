@@ -4,7 +4,7 @@
 # compiler through pkg-config, runs it for a few seconds, then pytest.
 #   scripts/test-bindings.sh PREFIX [BUILD_DIR]
 # PREFIX holds the installed package; BUILD_DIR (default build/debug) the
-# simulator.
+# simulator. pytest is Debian's (python3-pytest), hence its python3.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 prefix=$(realpath "$1")
@@ -27,4 +27,4 @@ address=${address#listening https://}
 kill "$sim"
 
 QELMAPS_LIBRARY="$libdir/libqelmaps.so.1" QELMAPS_CABIN_SIM="$build/tools/cabin-sim/cabin-sim" \
-  PYTHONPATH=python python3 -m pytest -q -p no:cacheprovider python/tests
+  PYTHONPATH=python /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests

@@ -34,6 +34,10 @@ cmake -S tests/consumer -B "$work/package" -G Ninja -DCMAKE_BUILD_TYPE=Release \
 cmake --build "$work/package" >/dev/null
 run "find_package(QELMaps CONFIG)" "$work/package/qelmaps-consumer"
 
+# Other languages through the C API of the same installed library.
+echo "-- the C demo through pkg-config, and the Python package"
+scripts/test-bindings.sh "$prefix" "$build"
+
 pcdir=$(dirname "$(find "$prefix" -name qelmaps.pc)")
 libdir=$(PKG_CONFIG_PATH=$pcdir pkg-config --variable=libdir qelmaps)
 # shellcheck disable=SC2046
