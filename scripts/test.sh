@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds every preset in QEL_TEST_PRESETS (default:
-# debug and asan) from scratch or incrementally, and runs all tests.
+# debug, asan and tsan) from scratch or incrementally, and runs all tests.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/bootstrap.sh
 
-presets=${QEL_TEST_PRESETS:-"debug asan"}
+presets=${QEL_TEST_PRESETS:-"debug asan tsan"}
 jobs=${QEL_JOBS:-$(nproc)}
 for preset in $presets; do
   echo "== $preset"
