@@ -98,9 +98,9 @@ typedef enum qelmaps_error {
   QELMAPS_ERROR_WRONG_THREAD = 8,
   /* Memory ran out. */
   QELMAPS_ERROR_OUT_OF_MEMORY = 9,
-  /* Not a code: keeps the enum as wide as int, so that any value a caller
+  /* Not a code: makes the enum span every int, so that any value a caller
    * passes is one the library can answer (with "QELMAPS_ERROR_UNKNOWN"). */
-  QELMAPS_ERROR_ENUM_WIDTH_ = 0x7fffffff
+  QELMAPS_ERROR_ENUM_WIDTH_ = -0x7fffffff - 1
 } qelmaps_error;
 
 /* The name of an error code, such as "QELMAPS_ERROR_NULL_ARGUMENT", or
@@ -150,8 +150,8 @@ typedef enum qelmaps_event {
   /* A call of the application (start, stop, a resolution choice) changed
    * the client's state without the service announcing anything. */
   QELMAPS_EVENT_STATE_DID_CHANGE = 5,
-  /* Not an event: keeps the enum as wide as int (see qelmaps_error). */
-  QELMAPS_EVENT_ENUM_WIDTH_ = 0x7fffffff
+  /* Not an event: makes the enum span every int (see qelmaps_error). */
+  QELMAPS_EVENT_ENUM_WIDTH_ = -0x7fffffff - 1
 } qelmaps_event;
 
 /* The notification name of `event` (one of the macros above), "" for
