@@ -179,7 +179,9 @@ TEST(HostStressTest, RandomCallsFromTheApplicationWhileTheServerPushesAndDrops) 
     ASSERT_TRUE(waitUntil([&] { return observed.images > imagesBefore; })) << "no picture in round " << round;
     // The simulator drops the event channel every so often: at least one
     // drop must have reached the application while a host lives.
-    if (round == 0) ASSERT_TRUE(waitUntil([&] { return observed.errors > 0; })) << "no drop was noticed";
+    if (round == 0) {
+      ASSERT_TRUE(waitUntil([&] { return observed.errors > 0; })) << "no drop was noticed";
+    }
 
     // A burst of changes, then the host goes: in even rounds while the
     // application's loop is held up, so that the deliveries wait there; in
