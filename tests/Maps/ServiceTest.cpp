@@ -276,6 +276,15 @@ TEST_F(ServiceTest, DownloadsAndAnnouncesOnlyPicturesThatDiffer) {
   push({imageEntry(800, 600, "/maps/2.png")});
   answerImage(picture);
   EXPECT_EQ(service->mapImage(), held) << "the same bytes are not decoded again";
+  // Other bytes of the same picture (trailing bytes after its end) are
+  // decoded, and still not announced.
+  auto sameAgain = picture;
+  sameAgain.insert(sameAgain.end(), 16, 0);
+  push({imageEntry(800, 600, "/maps/2b.png")});
+  answerImage(sameAgain);
+  ASSERT_NE(service->mapImage(), nullptr);
+  EXPECT_NE(service->mapImage(), held);
+  EXPECT_EQ(*service->mapImage(), *held);
   push({imageEntry(800, 600, "/maps/3.png")});
   answerImage(pngBytes(8, 6, 2));
   expectPosted({kImage});
