@@ -49,12 +49,14 @@ inline void silenceStderr() {
 // core kit pointed at it, logging up to `logThreshold`. The server runs on
 // the current run loop, or on `serverContext` when given: then the caller
 // runs that context on a thread of its own and calls the server only there
-// (after start, which happens here).
+// (after start, which happens here). `host` is the address the server binds
+// and its certificate names.
 class LoopbackCabin {
  public:
   LoopbackCabin(std::vector<cabinsim::Resolution> resolutions, int logThreshold,
-                boost::asio::io_context* serverContext = nullptr) {
+                boost::asio::io_context* serverContext = nullptr, const std::string& host = "127.0.0.1") {
     cabinsim::ServerOptions options;
+    options.host = host;
     options.intervalSeconds = 3600;
     options.resolutions = std::move(resolutions);
     server_ = std::make_unique<cabinsim::Server>(
@@ -64,7 +66,7 @@ class LoopbackCabin {
     std::ofstream(directory_ / "ca.pem") << server_->trustAnchorPem();
 
     qel::core::QELConfiguration configuration;
-    configuration.host = "127.0.0.1";
+    configuration.host = host;
     configuration.port = port;
     configuration.caFile = (directory_ / "ca.pem").string();
     configuration.logThreshold = logThreshold;

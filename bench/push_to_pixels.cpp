@@ -9,12 +9,21 @@
 // socket. The client side (service, floor, poller) runs on the main thread's
 // run loop.
 //
-//   push_to_pixels [--updates N] [--poll-updates N] [--verbose]
+// With --server-netns the server listens in that network namespace instead
+// (at --server-address), so that the pictures cross a link made and shaped
+// outside the program; bench/slow_link.sh runs it over a 2 Mbit/s link.
+//
+//   push_to_pixels [--updates N] [--poll-updates N] [--resolution WxH]
+//                  [--server-netns NAME --server-address A] [--verbose]
 
 #include "LoopbackCabin.h"
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <future>
@@ -27,11 +36,12 @@ using namespace qelbench;
 
 namespace {
 
-constexpr const char* kResolution = "1024x768";
-
 struct Options {
   int updates = 200;
   int pollUpdates = 100;
+  std::string resolution = "1024x768";
+  std::string serverNetns;
+  std::string serverAddress = "127.0.0.1";
   bool verbose = false;
 };
 
@@ -45,12 +55,30 @@ Options parse(int argc, char** argv) {
       options.updates = std::atoi(argv[++i]);
     } else if (flag == "--poll-updates" && i + 1 < argc) {
       options.pollUpdates = std::atoi(argv[++i]);
+    } else if (flag == "--resolution" && i + 1 < argc) {
+      options.resolution = argv[++i];
+    } else if (flag == "--server-netns" && i + 1 < argc) {
+      options.serverNetns = argv[++i];
+    } else if (flag == "--server-address" && i + 1 < argc) {
+      options.serverAddress = argv[++i];
     } else {
-      std::fprintf(stderr, "usage: push_to_pixels [--updates N] [--poll-updates N] [--verbose]\n");
+      std::fprintf(stderr,
+                   "usage: push_to_pixels [--updates N] [--poll-updates N] [--resolution WxH]\n"
+                   "                      [--server-netns NAME --server-address A] [--verbose]\n");
       std::exit(2);
     }
   }
+  const auto x = options.resolution.find('x');
+  if (x == std::string::npos || std::atoi(options.resolution.c_str()) <= 0 ||
+      std::atoi(options.resolution.c_str() + x + 1) <= 0) {
+    std::fprintf(stderr, "push_to_pixels: --resolution takes WxH\n");
+    std::exit(2);
+  }
   return options;
+}
+
+cabinsim::Resolution resolutionOf(const std::string& text) {
+  return {std::atoi(text.c_str()), std::atoi(text.c_str() + text.find('x') + 1)};
 }
 
 void require(bool condition, const char* what) {
@@ -69,6 +97,33 @@ void print(const char* name, const Summary& s) {
 // is its own machine. Rendering there cannot hold up the client's loop, so a
 // poll that falls due while the server renders is answered with the old data,
 // as it would be in the cabin.
+//
+// A socket belongs to the network namespace its creator was in when it was
+// made, and accepted connections to that of the listening socket: entering
+// the server's namespace just while the server starts listening puts the
+// whole server there, whatever thread runs it later.
+class NetnsScope {
+ public:
+  explicit NetnsScope(const std::string& name) {
+    if (name.empty()) return;
+    own_ = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    const int target = ::open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+    require(own_ >= 0 && target >= 0 && ::setns(target, CLONE_NEWNET) == 0,
+            "cannot enter the server's network namespace (made with ip netns add; needs root)");
+    ::close(target);
+  }
+  ~NetnsScope() {
+    if (own_ < 0) return;
+    require(::setns(own_, CLONE_NEWNET) == 0, "cannot return to the client's network namespace");
+    ::close(own_);
+  }
+  NetnsScope(const NetnsScope&) = delete;
+  NetnsScope& operator=(const NetnsScope&) = delete;
+
+ private:
+  int own_ = -1;
+};
+
 class ServerThread {
  public:
   struct Sent {
@@ -77,12 +132,13 @@ class ServerThread {
     std::string source;  // of the measured resolution
   };
 
-  explicit ServerThread(int logThreshold)
-      : work_(boost::asio::make_work_guard(context_)),
-        cabin_({{1024, 768}, {800, 600}, {400, 300}}, logThreshold, &context_),
+  ServerThread(const Options& options, int logThreshold)
+      : resolution_(options.resolution),
+        work_(boost::asio::make_work_guard(context_)),
+        cabin_(startCabin(options, logThreshold)),
         thread_([this] { context_.run(); }) {}
   ~ServerThread() {
-    onServer([this] { cabin_.server().stop(); });
+    onServer([this] { cabin_->server().stop(); });
     work_.reset();
     thread_.join();
   }
@@ -93,14 +149,14 @@ class ServerThread {
   void tick(std::function<void(const Sent&)> sent) {
     auto& loop = qel::RunLoop::current();
     boost::asio::post(context_, [this, &loop, sent = std::move(sent)] {
-      cabin_.server().tick();
-      Sent s{cabin_.server().sequence(), Clock::now(), cabin_.currentSource(kResolution)};
+      cabin_->server().tick();
+      Sent s{cabin_->server().sequence(), Clock::now(), cabin_->currentSource(resolution_)};
       loop.post([sent, s] { sent(s); });
     });
   }
 
   std::size_t eventClientCount() {
-    return onServer([this] { return cabin_.server().eventClientCount(); });
+    return onServer([this] { return cabin_->server().eventClientCount(); });
   }
 
  private:
@@ -112,63 +168,31 @@ class ServerThread {
     return result.get();
   }
 
+  // The simulator's three sizes, and the measured one if it is another.
+  std::unique_ptr<LoopbackCabin> startCabin(const Options& options, int logThreshold) {
+    std::vector<cabinsim::Resolution> sizes{{1024, 768}, {800, 600}, {400, 300}};
+    const auto measured = resolutionOf(options.resolution);
+    if (std::find(sizes.begin(), sizes.end(), measured) == sizes.end()) sizes.push_back(measured);
+    NetnsScope inServerNamespace(options.serverNetns);
+    return std::make_unique<LoopbackCabin>(sizes, logThreshold, &context_, options.serverAddress);
+  }
+
+  std::string resolution_;
   boost::asio::io_context context_;
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
-  LoopbackCabin cabin_;
+  std::unique_ptr<LoopbackCabin> cabin_;
   std::thread thread_;
 };
 
-}  // namespace
+// Polling, with the service gone: updates come at random moments, one to two
+// seconds apart, so each lands at a random phase of the 1 s poll.
+struct Polled {
+  Summary summary;
+  std::size_t missed = 0;
+};
 
-int main(int argc, char** argv) {
-  const Options options = parse(argc, argv);
-  if (!options.verbose) silenceStderr();
+Polled pollingBaseline(ServerThread& server, const Options& options) {
   auto& loop = qel::RunLoop::current();
-  ServerThread server(options.verbose ? 4 : 1);
-
-  auto maps = qel::QELBroadcastMapsV1::create();
-  require(maps != nullptr, "no service");
-  maps->setCurrentResolutionWithCGSize({1024, 768});
-  auto watcher = ImageWatcher::watch(maps);
-  maps->start();
-  require(loop.runUntil([&] { return watcher->pictures >= 1; }, 30s), "the service never got its first picture");
-  for (int i = 0; i < 300 && server.eventClientCount() != 1; ++i) loop.runFor(100ms);
-  require(server.eventClientCount() == 1, "the event channel did not connect");
-  loop.runFor(200ms);  // the connect's own reload settles
-
-  // Push, and the floor right after it on the connection the push left warm.
-  constexpr int kWarmUp = 5;
-  std::vector<double> push;
-  std::vector<double> floor;
-  Getter getter;
-  for (int i = 0; i < options.updates + kWarmUp; ++i) {
-    const auto before = watcher->pictures;
-    std::optional<ServerThread::Sent> sent;
-    server.tick([&](const ServerThread::Sent& s) { sent = s; });
-    require(loop.runUntil([&] { return watcher->pictures > before && sent; }, 10s),
-            "a pushed update brought no picture");
-    if (i >= kWarmUp) push.push_back(millisecondsBetween(sent->at, watcher->lastPictureAt));
-    loop.runPending();
-
-    std::shared_ptr<const qel::Image> fetched;
-    bool done = false;
-    const auto started = Clock::now();
-    Clock::time_point decoded;
-    getter.get(sent->source, [&](std::optional<qel::Data> png) {
-      if (png) fetched = qel::Image::fromData(*png);
-      decoded = Clock::now();
-      done = true;
-    });
-    require(loop.runUntil([&] { return done; }, 10s) && fetched, "the floor's GET failed");
-    require(*fetched == *maps->mapImage(), "the service shows another picture than the server serves");
-    if (i >= kWarmUp) floor.push_back(millisecondsBetween(started, decoded));
-    loop.runPending();
-  }
-
-  // Polling: the service stands down; updates come at random moments, one to
-  // two seconds apart, so each lands at a random phase of the 1 s poll.
-  maps->stop();
-  maps.reset();
   // By sequence number, the last path component of the image source.
   auto sequenceOf = [](const std::string& source) {
     const auto slash = source.rfind('/');
@@ -177,7 +201,7 @@ int main(int argc, char** argv) {
   std::map<std::uint64_t, Clock::time_point> sentAt;
   std::vector<double> polled;
   std::size_t missed = 0;
-  PollingClient poller(kResolution, 1s, [&](const std::string& source, std::shared_ptr<const qel::Image>) {
+  PollingClient poller(options.resolution, 1s, [&](const std::string& source, std::shared_ptr<const qel::Image>) {
     const auto found = sentAt.find(sequenceOf(source));
     if (found == sentAt.end()) return;  // the picture from before the first update
     polled.push_back(millisecondsBetween(found->second, Clock::now()));
@@ -199,16 +223,75 @@ int main(int argc, char** argv) {
   nextTick->cancel();
   poller.stop();
 
+  return {Summary::of(std::move(polled)), missed};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Options options = parse(argc, argv);
+  if (!options.verbose) silenceStderr();
+  auto& loop = qel::RunLoop::current();
+  ServerThread server(options, options.verbose ? 4 : 1);
+  const auto measured = resolutionOf(options.resolution);
+
+  auto maps = qel::QELBroadcastMapsV1::create();
+  require(maps != nullptr, "no service");
+  maps->setCurrentResolutionWithCGSize({static_cast<double>(measured.width), static_cast<double>(measured.height)});
+  auto watcher = ImageWatcher::watch(maps);
+  maps->start();
+  require(loop.runUntil([&] { return watcher->pictures >= 1; }, 30s), "the service never got its first picture");
+  for (int i = 0; i < 300 && server.eventClientCount() != 1; ++i) loop.runFor(100ms);
+  require(server.eventClientCount() == 1, "the event channel did not connect");
+  loop.runFor(200ms);  // the connect's own reload settles
+
+  // Push, and the floor right after it on the connection the push left warm.
+  constexpr int kWarmUp = 5;
+  std::vector<double> push;
+  std::vector<double> floor;
+  std::size_t pictureBytes = 0;
+  Getter getter;
+  for (int i = 0; i < options.updates + kWarmUp; ++i) {
+    const auto before = watcher->pictures;
+    std::optional<ServerThread::Sent> sent;
+    server.tick([&](const ServerThread::Sent& s) { sent = s; });
+    require(loop.runUntil([&] { return watcher->pictures > before && sent; }, 10s),
+            "a pushed update brought no picture");
+    if (i >= kWarmUp) push.push_back(millisecondsBetween(sent->at, watcher->lastPictureAt));
+    loop.runPending();
+
+    std::shared_ptr<const qel::Image> fetched;
+    bool done = false;
+    const auto started = Clock::now();
+    Clock::time_point decoded;
+    getter.get(sent->source, [&](std::optional<qel::Data> png) {
+      if (png) fetched = qel::Image::fromData(*png);
+      if (png) pictureBytes += png->size();
+      decoded = Clock::now();
+      done = true;
+    });
+    require(loop.runUntil([&] { return done; }, 10s) && fetched, "the floor's GET failed");
+    require(*fetched == *maps->mapImage(), "the service shows another picture than the server serves");
+    if (i >= kWarmUp) floor.push_back(millisecondsBetween(started, decoded));
+    loop.runPending();
+  }
+
+  maps->stop();
+  maps.reset();
   const auto p = Summary::of(push);
   const auto f = Summary::of(floor);
-  const auto b = Summary::of(polled);
-  std::printf("push to pixels, %s PNG, simulator on its own thread, loopback TLS\n", kResolution);
+  const double meanBytes = static_cast<double>(pictureBytes) / (options.updates + kWarmUp);
+  std::printf("push to pixels, %s PNG (%.0f bytes on average), simulator on its own thread, TLS to %s\n",
+              options.resolution.c_str(), meanBytes, options.serverAddress.c_str());
   print("push (event -> picture)", p);
   print("floor (warm GET + decode)", f);
-  print("polling every 1 s (update -> picture)", b);
-  std::printf("polling updates missed (superseded before a poll saw them): %zu\n", missed);
   std::printf("ratio push/floor:   median %6.2f  p99 %6.2f\n", p.median / f.median, p.p99 / f.p99);
-  std::printf("ratio polling/push: median %6.1f  p99 %6.1f\n", b.median / p.median, b.p99 / p.p99);
-  std::printf("ratio polling/floor: median %6.1f\n", b.median / f.median);
+  if (options.pollUpdates > 0) {
+    const auto b = pollingBaseline(server, options);
+    print("polling every 1 s (update -> picture)", b.summary);
+    std::printf("polling updates missed (superseded before a poll saw them): %zu\n", b.missed);
+    std::printf("ratio polling/push: median %6.1f  p99 %6.1f\n", b.summary.median / p.median, b.summary.p99 / p.p99);
+    std::printf("ratio polling/floor: median %6.1f\n", b.summary.median / f.median);
+  }
   return 0;
 }
