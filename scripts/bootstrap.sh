@@ -9,6 +9,7 @@ packages=(
   nginx
   libgtest-dev libgmock-dev libbenchmark-dev python3-pytest
   dpkg-dev file valgrind
+  openssl iproute2
   qt6-base-dev
 )
 
