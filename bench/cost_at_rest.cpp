@@ -3,6 +3,12 @@
 // client over the same time; and resident memory after many updates against
 // after a few.
 //
+// The service is idled three ways: on this thread's loop run with run(), the
+// same with runFor(), and on the hosting thread of QELBroadcastMapsHost. The
+// host gets a process of its own (forked before anything else exists), since
+// one process serves one loop thread; there the simulator runs on the main
+// thread and the counts are the hosting thread's alone.
+//
 // The simulator runs in this process, so its side of the event channel's
 // keep-alive pings is counted too (in both measurements at rest). The
 // pictures are 160x120 so that ten thousand updates take little time.
@@ -11,8 +17,13 @@
 
 #include "LoopbackCabin.h"
 
+#include <QELMaps/QELBroadcastMapsHost.h>
+
+#include <dirent.h>
 #include <malloc.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -89,6 +100,76 @@ void printIdle(const char* name, const Usage& u, int seconds) {
               u.cpuMs / (10.0 * seconds), static_cast<unsigned long long>(u.callouts), u.voluntarySwitches);
 }
 
+// Every thread of this process but the calling one: CPU time from the
+// scheduler's nanosecond account, and the times each slept and was woken.
+Usage otherThreads() {
+  Usage total;
+  const std::string self = std::to_string(::gettid());
+  DIR* tasks = ::opendir("/proc/self/task");
+  require(tasks != nullptr, "cannot list the threads");
+  while (const dirent* entry = ::readdir(tasks)) {
+    const std::string tid = entry->d_name;
+    if (tid == "." || tid == ".." || tid == self) continue;
+    std::ifstream schedstat("/proc/self/task/" + tid + "/schedstat");
+    double onCpuNs = 0;
+    schedstat >> onCpuNs;
+    total.cpuMs += onCpuNs / 1e6;
+    std::ifstream status("/proc/self/task/" + tid + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("voluntary_ctxt_switches:")) total.voluntarySwitches += std::atol(line.c_str() + 24);
+    }
+  }
+  ::closedir(tasks);
+  return total;
+}
+
+// The started service on the host's thread, at rest, while this thread runs
+// the simulator. Returns the row to print.
+std::string hostedAtRest(const Options& options) {
+  auto& loop = qel::RunLoop::current();
+  LoopbackCabin cabin({{160, 120}}, options.verbose ? 4 : 1);
+  auto& server = cabin.server();
+  auto host = qel::QELBroadcastMapsHost::create({});
+  require(host != nullptr, "no host");
+  host->setCurrentResolutionWithCGSize({160, 120});
+  host->start();
+  require(loop.runUntil([&] { return host->snapshot()->image && server.eventClientCount() == 1; }, 30s),
+          "the hosted service never got its first picture over a connected event channel");
+  loop.runFor(1s);
+  const auto before = otherThreads();
+  idle(std::chrono::seconds(options.restSeconds));
+  const auto u = otherThreads() - before;
+  char row[256];
+  std::snprintf(row, sizeof row, "%-38s cpu %8.1f ms (%.3f%% of one core)  callouts %6s  voluntary switches %6ld\n",
+                "started service, hosting thread", u.cpuMs, u.cpuMs / (10.0 * options.restSeconds), "-",
+                u.voluntarySwitches);
+  return row;
+}
+
+// Runs hostedAtRest() in a child process made now, while this one has no
+// threads; the row comes back through a pipe once the child is done.
+std::string hostedAtRestInChild(const Options& options) {
+  int fds[2];
+  require(::pipe(fds) == 0, "no pipe");
+  const pid_t child = ::fork();
+  require(child >= 0, "cannot fork");
+  if (child == 0) {
+    ::close(fds[0]);
+    const auto row = hostedAtRest(options);
+    require(::write(fds[1], row.data(), row.size()) == static_cast<ssize_t>(row.size()), "cannot write the row");
+    std::_Exit(0);
+  }
+  ::close(fds[1]);
+  std::string row;
+  char buffer[256];
+  for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;) row.append(buffer, static_cast<std::size_t>(n));
+  ::close(fds[0]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  require(WIFEXITED(status) && WEXITSTATUS(status) == 0 && !row.empty(), "the hosted measurement failed");
+  return row;
+}
+
 struct Memory {
   long rssKiB = 0;
   std::size_t heapInUse = 0;
@@ -109,6 +190,8 @@ struct Memory {
 int main(int argc, char** argv) {
   const Options options = parse(argc, argv);
   if (!options.verbose) silenceStderr();
+  std::fflush(stdout);
+  const auto hostedRow = hostedAtRestInChild(options);
   auto& loop = qel::RunLoop::current();
   LoopbackCabin cabin({{160, 120}}, options.verbose ? 4 : 1);
   auto& server = cabin.server();
@@ -139,6 +222,7 @@ int main(int argc, char** argv) {
   printIdle("started service, no updates, run()", atRest, options.restSeconds);
   const auto atRestRunFor = idle(rest, Run::forDuration);
   printIdle("started service, no updates, runFor()", atRestRunFor, options.restSeconds);
+  std::fputs(hostedRow.c_str(), stdout);
 
   // Memory: one update at a time, each until its picture arrived.
   auto update = [&] {
