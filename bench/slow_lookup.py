@@ -73,7 +73,9 @@ class NameServer:
             flags = 0x8180 if ours else 0x8183
             reply = query[:2] + struct.pack("!HHHHH", flags, 1, 1 if answer else 0, 0, 0) + question + answer
             delay = self.delay if ours else 0
-            threading.Timer(delay, self.sock.sendto, (reply, peer)).start()
+            timer = threading.Timer(delay, self.sock.sendto, (reply, peer))
+            timer.daemon = True  # an answer still due must not hold up the script's end
+            timer.start()
 
 
 def run_case(build, port, ca_file, duration, system_delay, ares_delay, servers):

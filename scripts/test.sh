@@ -16,7 +16,7 @@ for preset in $presets; do
 done
 
 # A name lookup that takes 8 s holds up neither the other channel nor the
-# demo's exit (bench/slow_lookup.py; about 4 s). It needs user and network
+# demo's exit (bench/slow_lookup.py; about 5 s). It needs user and network
 # namespaces and skips, saying so, where they cannot be made.
 if [[ " $presets " == *" debug "* ]]; then
   echo "== slow lookup"
