@@ -306,6 +306,17 @@ TEST_F(ServiceTest, DownloadsAndAnnouncesOnlyPicturesThatDiffer) {
   drain();
   expectPosted({kImage});
 
+  // A picture over the configured budget is refused from its header.
+  core::QELConfiguration limited;
+  limited.host = kCabinHost;
+  limited.maxPixels = 47;
+  core::QELConfiguration::set(limited);
+  push({imageEntry(800, 600, "/maps/6.png")});
+  answerImage(pngBytes(8, 6, 3));
+  EXPECT_EQ(logged(1,
+                   "-[_QELBroadcastMaps requestDidFinish:withData:] Picture refused: its header "
+                   "declares 8x6 pixels, more than the 47 allowed."),
+            1u);
 }
 
 TEST_F(ServiceTest, FailedDownloadsRetryEveryFiveSecondsOnlyWhileConnected) {

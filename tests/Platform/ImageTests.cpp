@@ -125,6 +125,17 @@ TEST(PlatformImage, RefusesWhatIsNotACompletePictureAndOversizedOnesFromTheirHea
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(decode(pngClaiming(100000, 100000)), nullptr);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  // 8192 x 8192 (256 MiB decoded) is over the default budget: the header is
+  // the reason, not the data behind it. The budget is the caller's.
+  Image::Refusal refusal;
+  EXPECT_EQ(Image::fromData(pngClaiming(8192, 8192), Image::kMaxPixels, &refusal), nullptr);
+  EXPECT_TRUE(refusal.overBudget);
+  EXPECT_EQ(refusal.width * refusal.height, 8192u * 8192);
+  EXPECT_EQ(Image::fromData(pngClaiming(16, 16), 255, &refusal), nullptr);
+  EXPECT_TRUE(refusal.overBudget && refusal.width == 16);
+  EXPECT_NE(Image::fromData(pngClaiming(16, 16), 256, &refusal), nullptr);
+  EXPECT_EQ(Image::fromData(corrupt, Image::kMaxPixels, &refusal), nullptr);
+  EXPECT_FALSE(refusal.overBudget);
 
   // The same for a JPEG whose frame header claims 65535 x 65535, once it
   // is seen to decode, in RGBA order, as it is.
