@@ -321,6 +321,8 @@ TEST(MapDataRequestTest, JoinsPathsWithTheSlashTheyLack) {
   EXPECT_EQ(internal::QELGetURLWithHost(host, true, "a b", "c%d"), "https://h/a b/c%d")
       << "escapes the composition adds are removed again";
   EXPECT_EQ(internal::QELGetURLWithHost(std::nullopt, true, "a", "b"), "https:/a/b");
+  for (const char* ipv6 : {"::1", "[::1]"})
+    EXPECT_EQ(internal::QELGetURLWithHost(ipv6, true, "a", "b"), "https://[::1]/a/b");
 }
 
 }  // namespace
