@@ -57,9 +57,8 @@ TEST(ScriptedEnvironmentTest, PutsBackWhatItReplacedAndLinesGoToStandardErrorAga
 // Clears the configuration's environment variables and puts them back.
 class QELConfigurationTest : public ::testing::Test {
  protected:
-  static constexpr const char* kVariables[] = {"QEL_SKELION_HOSTNAME", "QEL_SKELION_PORT", "QEL_CA_FILE",
-                                               "QEL_EVENT_PATH",       "QEL_LOG_LEVEL",    "QEL_MAX_PIXELS",
-                                               "QEL_MAX_MAP_ENTRIES"};
+  static constexpr const char* kVariables[] = {"QEL_SKELION_HOSTNAME", "QEL_SKELION_PORT",
+                                               "QEL_CA_FILE", "QEL_EVENT_PATH", "QEL_LOG_LEVEL"};
   QELConfigurationTest() {
     for (const char* name : kVariables) {
       if (const char* value = std::getenv(name)) saved_.emplace_back(name, value);
@@ -84,16 +83,12 @@ TEST_F(QELConfigurationTest, EnvironmentFillsWhatTheApplicationLeftOpen) {
   ::setenv("QEL_CA_FILE", "/etc/cabin-ca.pem", 1);
   ::setenv("QEL_EVENT_PATH", "/events", 1);
   ::setenv("QEL_LOG_LEVEL", "4", 1);
-  ::setenv("QEL_MAX_PIXELS", "1000000", 1);
-  ::setenv("QEL_MAX_MAP_ENTRIES", "10", 1);
   auto c = QELConfiguration::effective();
   EXPECT_EQ(c.host, "cabin.env");
   EXPECT_EQ(c.port, 8443);
   EXPECT_EQ(c.caFile, "/etc/cabin-ca.pem");
   EXPECT_EQ(c.eventPath, "/events");
   EXPECT_EQ(c.logThreshold, 4);
-  EXPECT_EQ(c.maxPixels, 1000000u);
-  EXPECT_EQ(c.maxMapEntries, 10u);
 
   QELConfiguration app;
   app.host = "cabin.app";
@@ -117,12 +112,8 @@ TEST_F(QELConfigurationTest, InvalidEnvironmentValuesFallBackToTheDefaultsWithAL
   ::setenv("QEL_SKELION_PORT", "80x", 1);
   ::setenv("QEL_EVENT_PATH", "events", 1);
   ::setenv("QEL_LOG_LEVEL", "loud", 1);
-  ::setenv("QEL_MAX_PIXELS", "0", 1);
-  ::setenv("QEL_MAX_MAP_ENTRIES", "-1", 1);
   const auto c = QELConfiguration::effective();
   EXPECT_EQ(c.port, 443);
-  EXPECT_EQ(c.maxPixels, 16u * 1024 * 1024);
-  EXPECT_EQ(c.maxMapEntries, 256u);
   EXPECT_EQ(c.eventPath, "/skelion/events");
   EXPECT_EQ(c.logThreshold, 3);
   EXPECT_EQ(env_.logsContaining("QEL_EVENT_PATH").size(), 1u);

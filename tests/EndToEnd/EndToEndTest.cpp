@@ -60,9 +60,8 @@ class EndToEndTest : public ::testing::Test {
     std::filesystem::remove_all(directory_);
   }
 
-  // Starts the simulator with no periodic updates (the test ticks it), and
-  // points the core kit at it, trusting its CA unless told otherwise.
-  // `host` is how the configuration names the server (its address by default).
+  // Starts the simulator with no periodic updates (the test ticks it), and points
+  // the core kit at it (as `host`, else its address), trusting its CA unless told otherwise.
   void startServer(cabinsim::ServerOptions options = {}, std::optional<std::string> trust = std::nullopt,
                    std::optional<std::string> host = std::nullopt) {
     options.intervalSeconds = 3600;
@@ -133,16 +132,15 @@ TEST_F(EndToEndTest, FirstDataByRestThenByPushAndAChangeOfResolution) {
   EXPECT_EQ(maps->mapImage()->height(), 300u);
   EXPECT_EQ(app_->count(kError), 0u);
 
-  // An IPv6 cabin host in either spelling: map data, path-only picture
-  // sources and the event channel's push.
+  // An IPv6 cabin host in either spelling: map data, path-only pictures, pushes.
   for (const char* spelling : {"[::1]", "::1"}) {
     SCOPED_TRACE(spelling);
     maps.reset();
     services_.clear();  // the last owner lets the map data go
     server_->stop();
-    cabinsim::ServerOptions options;
-    options.host = "::1";
-    startServer(options, std::nullopt, spelling);
+    cabinsim::ServerOptions ipv6;
+    ipv6.host = "::1";
+    startServer(ipv6, std::nullopt, spelling);
     auto service = startService();
     ASSERT_TRUE(waitFor([&] { return service->mapImage() && server_->eventClientCount() == 1; }));
     const auto before = service->mapImage();

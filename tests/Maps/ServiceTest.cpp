@@ -306,9 +306,7 @@ TEST_F(ServiceTest, DownloadsAndAnnouncesOnlyPicturesThatDiffer) {
   drain();
   expectPosted({kImage});
 
-  // A picture over the configured budget is refused from its header.
-  core::QELConfiguration limited;
-  limited.host = kCabinHost;
+  auto limited = core::QELConfiguration::effective();
   limited.maxPixels = 47;
   core::QELConfiguration::set(limited);
   push({imageEntry(800, 600, "/maps/6.png")});
