@@ -3,6 +3,7 @@
 
 #include <qel/Format.h>
 #include <qel/GccWarnings.h>
+#include <qel/Image.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -15,6 +16,9 @@ constexpr std::string_view kDomain = lastPathComponent(__FILE__);
 constexpr std::uint16_t kDefaultPort = 443;
 constexpr const char* kDefaultEventPath = "/skelion/events";
 constexpr int kDefaultLogThreshold = 3;
+constexpr long kDefaultMaxMapEntries = 256;
+// 1 GiB decoded: more would not fit a passenger device anyway.
+constexpr long kLargestMaxPixels = 256l * 1024 * 1024;
 
 QELConfiguration& applicationConfiguration() {
   static auto* const configuration = new QELConfiguration;
@@ -73,6 +77,14 @@ QELConfiguration QELConfiguration::effective() {
     result.eventPath = path ? *path : kDefaultEventPath;
   }
   if (!result.dnsServers || result.dnsServers->empty()) result.dnsServers = environmentText("QEL_DNS_SERVERS");
+  if (!result.maxPixels) {
+    const auto pixels = environmentInteger("QEL_MAX_PIXELS", 1, kLargestMaxPixels);
+    result.maxPixels = pixels ? static_cast<std::uint64_t>(*pixels) : Image::kMaxPixels;
+  }
+  if (!result.maxMapEntries) {
+    const auto entries = environmentInteger("QEL_MAX_MAP_ENTRIES", 1, 1'000'000);
+    result.maxMapEntries = static_cast<std::size_t>(entries.value_or(kDefaultMaxMapEntries));
+  }
   if (!result.logThreshold) {
     const auto level = environmentInteger("QEL_LOG_LEVEL", 0, 100);
     result.logThreshold = level ? static_cast<int>(*level) : kDefaultLogThreshold;

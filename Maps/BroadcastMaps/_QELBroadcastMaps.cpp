@@ -4,6 +4,7 @@
 
 #include <qel/Format.h>
 #include <qel/core/QELEventManager.h>
+#include <qel/core/QELHostname.h>
 #include <qel/core/QELLogging.h>
 #include <qel/core/QELNotifications.h>
 
@@ -245,7 +246,13 @@ void QELBroadcastMaps::requestDidFinish(const std::shared_ptr<core::QELRequest>&
   if (mapImage_ && data == mapImageBytes_) return;
   // Bytes that do not decode clear the picture: showing a stale map as if it
   // were current would be worse.
-  auto image = Image::fromData(data);
+  const std::uint64_t budget = *core::QELConfiguration::effective().maxPixels;
+  Image::Refusal refusal;
+  auto image = Image::fromData(data, budget, &refusal);
+  if (refusal.overBudget) {
+    QELLogging::log("%s Picture refused: its header declares %dx%d pixels, more than the %d allowed.", 1, kDomain,
+                    "-[_QELBroadcastMaps requestDidFinish:withData:]", refusal.width, refusal.height, budget);
+  }
   const bool decoded = image != nullptr;
   setMapImage(std::move(image));
   if (decoded) mapImageBytes_ = data;

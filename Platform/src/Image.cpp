@@ -15,11 +15,17 @@ namespace {
 constexpr std::size_t kMaxChunkBytes = 16u * 1024 * 1024;
 constexpr std::size_t kMaxChunkCacheBytes = 64u * 1024 * 1024;
 
-bool withinBudget(std::uint64_t width, std::uint64_t height) {
-  return width > 0 && height > 0 && width <= Image::kMaxPixels &&
-         height <= Image::kMaxPixels / width;
+bool withinBudget(std::uint64_t width, std::uint64_t height, std::uint64_t maxPixels) {
+  return width > 0 && height > 0 && width <= maxPixels && height <= maxPixels / width;
 }
 
+// Records the declared size and says whether it is affordable.
+bool affordable(std::uint64_t width, std::uint64_t height, std::uint64_t maxPixels, Image::Refusal& refusal) {
+  refusal.width = static_cast<std::size_t>(width);
+  refusal.height = static_cast<std::size_t>(height);
+  refusal.overBudget = width > 0 && height > 0 && !withinBudget(width, height, maxPixels);
+  return withinBudget(width, height, maxPixels);
+}
 
 struct SpngContext {
   spng_ctx* ctx = spng_ctx_new(0);
@@ -52,24 +58,41 @@ Image::Image(std::size_t width, std::size_t height, std::vector<std::uint8_t> rg
 
 std::shared_ptr<const Image> Image::fromRGBA(std::size_t width, std::size_t height,
                                              std::vector<std::uint8_t> rgba) {
-  if (!withinBudget(width, height) || rgba.size() != width * height * 4) return nullptr;
+  if (!withinBudget(width, height, kMaxPixels) || rgba.size() != width * height * 4) return nullptr;
   return std::shared_ptr<const Image>(new Image(width, height, std::move(rgba)));
 }
 
-std::shared_ptr<const Image> Image::fromData(std::span<const std::uint8_t> data) {
+std::shared_ptr<const Image> Image::fromData(std::span<const std::uint8_t> data, std::uint64_t maxPixels,
+                                             Refusal* refusal) {
+  Refusal ignored;
+  Refusal& why = refusal ? *refusal : ignored;
+  why = Refusal();
   if (isPNG(data)) {
     SpngContext png;
     if (!png.ctx) return nullptr;
     spng_set_crc_action(png.ctx, SPNG_CRC_ERROR, SPNG_CRC_ERROR);
-    const std::uint32_t side = static_cast<std::uint32_t>(
-        std::min<std::uint64_t>(kMaxPixels, std::numeric_limits<std::int32_t>::max()));
+    const std::uint32_t side =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(maxPixels, std::numeric_limits<std::int32_t>::max()));
     spng_set_image_limits(png.ctx, side, side);
     spng_set_chunk_limits(png.ctx, kMaxChunkBytes, kMaxChunkCacheBytes);
     if (spng_set_png_buffer(png.ctx, data.data(), data.size()) != 0) return nullptr;
     // The header alone decides whether the picture is affordable.
     spng_ihdr header{};
-    if (spng_get_ihdr(png.ctx, &header) != 0) return nullptr;
-    if (!withinBudget(header.width, header.height)) return nullptr;
+    const int headerError = spng_get_ihdr(png.ctx, &header);
+    if (headerError == SPNG_EUSER_WIDTH || headerError == SPNG_EUSER_HEIGHT) {
+      // libspng refuses a side over its limit before it fills the header in;
+      // the size is still what the header chunk, right after the signature, says.
+      const auto bigEndian = [&](std::size_t at) {
+        return std::uint32_t{data[at]} << 24 | std::uint32_t{data[at + 1]} << 16 | std::uint32_t{data[at + 2]} << 8 |
+               data[at + 3];
+      };
+      why.width = bigEndian(16);
+      why.height = bigEndian(20);
+      why.overBudget = true;
+      return nullptr;
+    }
+    if (headerError != 0) return nullptr;
+    if (!affordable(header.width, header.height, maxPixels, why)) return nullptr;
     std::size_t size = 0;
     if (spng_decoded_image_size(png.ctx, SPNG_FMT_RGBA8, &size) != 0) return nullptr;
     if (size != static_cast<std::size_t>(header.width) * header.height * 4) return nullptr;
@@ -94,7 +117,7 @@ std::shared_ptr<const Image> Image::fromData(std::span<const std::uint8_t> data)
       return nullptr;
     }
     if (width <= 0 || height <= 0 ||
-        !withinBudget(static_cast<std::uint64_t>(width), static_cast<std::uint64_t>(height))) {
+        !affordable(static_cast<std::uint64_t>(width), static_cast<std::uint64_t>(height), maxPixels, why)) {
       return nullptr;
     }
     std::vector<std::uint8_t> pixels(static_cast<std::size_t>(width) * height * 4);

@@ -1,6 +1,7 @@
 #include "qel/URL.h"
 
 #include <boost/url/encode.hpp>
+#include <boost/url/ipv6_address.hpp>
 #include <boost/url/rfc/pchars.hpp>
 
 #include <cstdint>
@@ -22,7 +23,13 @@ void URLComponents::setScheme(std::string_view scheme) {
 
 void URLComponents::setHost(const std::optional<std::string>& host) {
   if (host) {
-    url_.set_host(*host);
+    // A bare IPv6 literal ("::1") is an address, not a name to escape: it is
+    // composed in brackets, as a bracketed one already is.
+    if (const auto ipv6 = boost::urls::parse_ipv6_address(*host)) {
+      url_.set_host_ipv6(*ipv6);
+    } else {
+      url_.set_host(*host);
+    }
   } else if (url_.has_port()) {
     url_.set_encoded_host("");
   } else {

@@ -60,9 +60,10 @@ class EndToEndTest : public ::testing::Test {
     std::filesystem::remove_all(directory_);
   }
 
-  // Starts the simulator with no periodic updates (the test ticks it), and
-  // points the core kit at it, trusting its CA unless told otherwise.
-  void startServer(cabinsim::ServerOptions options = {}, std::optional<std::string> trust = std::nullopt) {
+  // Starts the simulator with no periodic updates (the test ticks it), and points
+  // the core kit at it (as `host`, else its address), trusting its CA unless told otherwise.
+  void startServer(cabinsim::ServerOptions options = {}, std::optional<std::string> trust = std::nullopt,
+                   std::optional<std::string> host = std::nullopt) {
     options.intervalSeconds = 3600;
     server_ = std::make_unique<cabinsim::Server>(RunLoop::current().context(), options);
     const auto port = server_->start();
@@ -71,7 +72,7 @@ class EndToEndTest : public ::testing::Test {
     std::ofstream(caFile) << trust.value_or(server_->trustAnchorPem());
 
     core::QELConfiguration configuration;
-    configuration.host = "127.0.0.1";
+    configuration.host = host.value_or(options.host);
     configuration.port = port;
     configuration.caFile = caFile.string();
     core::QELConfiguration::set(configuration);
@@ -130,6 +131,22 @@ TEST_F(EndToEndTest, FirstDataByRestThenByPushAndAChangeOfResolution) {
   ASSERT_TRUE(waitFor([&] { return maps->mapImage()->width() == 400u; }));
   EXPECT_EQ(maps->mapImage()->height(), 300u);
   EXPECT_EQ(app_->count(kError), 0u);
+
+  // An IPv6 cabin host in either spelling: map data, path-only pictures, pushes.
+  for (const char* spelling : {"[::1]", "::1"}) {
+    SCOPED_TRACE(spelling);
+    maps.reset();
+    services_.clear();  // the last owner lets the map data go
+    server_->stop();
+    cabinsim::ServerOptions ipv6;
+    ipv6.host = "::1";
+    startServer(ipv6, std::nullopt, spelling);
+    auto service = startService();
+    ASSERT_TRUE(waitFor([&] { return service->mapImage() && server_->eventClientCount() == 1; }));
+    const auto before = service->mapImage();
+    server_->tick();
+    ASSERT_TRUE(waitFor([&] { return service->mapImage() && service->mapImage() != before; }));
+  }
 }
 
 TEST_F(EndToEndTest, ADroppedEventChannelReportsNoDataAndTheMapComesBack) {

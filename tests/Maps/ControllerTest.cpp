@@ -45,6 +45,7 @@ class ControllerTest : public MapsTest {
   }
   void TearDown() override {
     while (QELBroadcastMapsController::ownersCount() > 0) QELBroadcastMapsController::free();
+    drain();  // what the test left queued ends here, not in the next test
   }
 
   static std::vector<std::string> keys(const MapInfo& record) {
@@ -212,11 +213,15 @@ TEST_F(ControllerTest, PushedUpdatesMergeIntoTheRecord) {
 }
 
 TEST_F(ControllerTest, MalformedInputIsRefusedWholeWithoutTouchingTheRecord) {
+  auto limited = core::QELConfiguration::effective();
+  limited.maxMapEntries = 2;
+  core::QELConfiguration::set(limited);
   auto controller = ownController();
   answerRest({imageEntry(800, 600, "/a.png")});
   auto observer = RecordObserver::attach(*controller);
   const MapInfo record = controller->mapInfo();
   env_.clearLogs();
+  const boost::json::array twoNew = {imageEntry(1, 1, "/1.png"), imageEntry(2, 2, "/2.png")};
 
   struct Case {
     const char* what;
@@ -240,6 +245,9 @@ TEST_F(ControllerTest, MalformedInputIsRefusedWholeWithoutTouchingTheRecord) {
        [&] { controller->reloadData(); requests().finish(openRest().front(), R"({"images": null})"); drain(); }, 1},
       {"REST element not object",
        [&] { controller->reloadData(); requests().finish(openRest().front(), R"({"images": [{"width":1,"height":2}, "x"]})"); drain(); }, 1},
+      {"update past the entry limit", [&] { push(twoNew); }, 1},
+      {"REST answer past the entry limit",
+       [&] { controller->reloadData(); answerRest({twoNew[0], twoNew[1], imageEntry(3, 3, "/3.png")}); }, 1},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -256,6 +264,9 @@ TEST_F(ControllerTest, MalformedInputIsRefusedWholeWithoutTouchingTheRecord) {
   ASSERT_EQ(messages(1).size(), 1u);
   EXPECT_EQ(messages(1)[0], "[_QELBroadcastMapsController.cpp 93] Invalid event received from server.");
   EXPECT_EQ(env_.logsContaining("Invalid event")[0].domain, "_QELBroadcastMapsController.cpp");
+
+  push({twoNew[0], imageEntry(1, 1, "/1b.png")});  // up to the limit: one key twice adds one entry
+  EXPECT_EQ(controller->mapInfo()->at("1x1"), imageEntry(1, 1, "/1b.png"));
 }
 
 TEST_F(ControllerTest, ConnectionEventsReloadAndClear) {
@@ -305,6 +316,8 @@ TEST(MapDataRequestTest, JoinsPathsWithTheSlashTheyLack) {
   EXPECT_EQ(internal::QELGetURLWithHost(host, true, "a b", "c%d"), "https://h/a b/c%d")
       << "escapes the composition adds are removed again";
   EXPECT_EQ(internal::QELGetURLWithHost(std::nullopt, true, "a", "b"), "https:/a/b");
+  for (const char* ipv6 : {"::1", "[::1]"})
+    EXPECT_EQ(internal::QELGetURLWithHost(ipv6, true, "a", "b"), "https://[::1]/a/b");
 }
 
 }  // namespace

@@ -306,6 +306,15 @@ TEST_F(ServiceTest, DownloadsAndAnnouncesOnlyPicturesThatDiffer) {
   drain();
   expectPosted({kImage});
 
+  auto limited = core::QELConfiguration::effective();
+  limited.maxPixels = 47;
+  core::QELConfiguration::set(limited);
+  push({imageEntry(800, 600, "/maps/6.png")});
+  answerImage(pngBytes(8, 6, 3));
+  EXPECT_EQ(logged(1,
+                   "-[_QELBroadcastMaps requestDidFinish:withData:] Picture refused: its header "
+                   "declares 8x6 pixels, more than the 47 allowed."),
+            1u);
 }
 
 TEST_F(ServiceTest, FailedDownloadsRetryEveryFiveSecondsOnlyWhileConnected) {

@@ -43,7 +43,7 @@ class NetworkTest : public ::testing::Test {
 
   TestCertificate authority_ = TestCertificate::authority("QEL Test CA");
   std::string caFile_ = ::testing::TempDir() + "qel-test-ca-" + std::to_string(getpid()) + ".pem";
-  TestServer server_{loop().context(), authority_.issue("DNS:localhost,DNS:cabin.test,IP:127.0.0.1")};
+  TestServer server_{loop().context(), authority_.issue("DNS:localhost,DNS:cabin.test,DNS:named.test,IP:127.0.0.1")};
 };
 
 }  // namespace qel::core::net::testing

@@ -3,6 +3,7 @@
 #include "qel/core/QELLogging.h"
 #include "qel/core/net/CurlMulti.h"
 #include "qel/core/net/NetworkError.h"
+#include "qel/core/net/Resolver.h"
 
 #include <qel/RunLoop.h>
 
@@ -61,27 +62,36 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
   RequestTransport::Completion takeCompletion() { return std::move(completion_); }
 
   // False, with `why`, when curl would not take the request.
-  bool start(const HttpsRequestTransport::Options& options, const QELConfiguration& configuration,
-             std::optional<std::string> trust, std::string* why) {
+  bool start(boost::asio::io_context& ioContext, const HttpsRequestTransport::Options& options,
+             const QELConfiguration& configuration, std::optional<std::string> trust, std::string* why) {
     options_ = options;
     trust_ = std::move(trust);
-    resolve_ = configuration.resolve;
+    if (Resolver::addressLiteral(endpoint_.host)) return launch(why);
+    // A name is looked up here, on the loop, with the configured host table
+    // and name servers, and its addresses are handed to curl one at a time:
     // curl 7.88 does not move on from an address that never answers within
-    // one address family, so a fixed table with several addresses is walked
-    // here, one address at a time.
+    // one address family, and its own lookups would not heed the settings.
+    Resolver::Options lookup;
+    lookup.fixedHosts = configuration.resolve;
+    lookup.servers = configuration.dnsServers;
+    resolver_ = std::make_unique<Resolver>(ioContext, std::move(lookup));
+    resolver_->resolve(endpoint_.host, endpoint_.port,
+                       [self = shared_from_this()](const std::string& error, Resolver::Endpoints endpoints) {
+                         self->onResolved(error, std::move(endpoints));
+                       });
+    return true;
+  }
+
+  void onResolved(const std::string& error, const Resolver::Endpoints& endpoints) {
+    if (!completion_) return;
+    if (!error.empty()) return fail(networkError(NetworkErrorCode::Resolve, error));
     const std::string prefix = endpoint_.host + ":" + std::to_string(endpoint_.port) + ":";
-    for (auto entry = resolve_.begin(); entry != resolve_.end(); ++entry) {
-      if (!entry->starts_with(prefix)) continue;
-      std::string addresses = entry->substr(prefix.size());
-      for (std::size_t begin = 0; begin <= addresses.size();) {
-        const auto end = std::min(addresses.find(',', begin), addresses.size());
-        if (end > begin) candidates_.push_back(prefix + addresses.substr(begin, end - begin));
-        begin = end + 1;
-      }
-      resolve_.erase(entry);
-      break;
+    for (const auto& endpoint : endpoints) {
+      const auto address = endpoint.address();
+      candidates_.push_back(prefix + (address.is_v6() ? "[" + address.to_string() + "]" : address.to_string()));
     }
-    return launch(why);
+    std::string why;
+    if (!launch(&why)) fail(networkError(NetworkErrorCode::Io, why));
   }
 
   bool launch(std::string* why) {
@@ -98,7 +108,6 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
         resolve.reset(grown);
       }
     };
-    for (const auto& entry : resolve_) add(entry);
     const bool lastAddress = candidate_ + 1 >= candidates_.size();
     if (!candidates_.empty()) add(candidates_[candidate_]);
     resolveList_ = std::move(resolve);
@@ -148,8 +157,8 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, static_cast<long>(options.maximumIdleTime.count()));
     // Several requests to one HTTP/2 server share its connection.
     curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
-    // A lookup still running when the attempt goes is left to finish alone
-    // instead of being waited for.
+    // Names come to curl already looked up; should it ever look one up, a
+    // lookup still running when the attempt goes is left to finish alone.
     curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
     if (resolveList_) curl_easy_setopt(easy, CURLOPT_RESOLVE, resolveList_.get());
 
@@ -170,6 +179,7 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     completion_ = nullptr;
     const auto self = shared_from_this();  // the multi may hold the last reference
     if (lifetime_.lock()) multi_.remove(easy_);
+    if (resolver_) resolver_->cancel();
     releaseEasy();
   }
 
@@ -313,7 +323,7 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
   CURL* easy_;
   HttpsRequestTransport::Options options_;
   std::optional<std::string> trust_;
-  std::vector<std::string> resolve_;     // the table without this host's entry
+  std::unique_ptr<Resolver> resolver_;
   std::vector<std::string> candidates_;  // "host:port:address", one per address
   std::size_t candidate_ = 0;
   Slist resolveList_;
@@ -366,7 +376,7 @@ std::shared_ptr<TransportOperation> HttpsRequestTransport::start(const QELReques
   auto attempt = std::make_shared<CurlAttempt>(multi, std::move(*decision.endpoint), request.maximumResponseSize(),
                                                std::move(completion));
   std::string why;
-  if (!attempt->start(options_, configuration, trust, &why)) {
+  if (!attempt->start(loop.context(), options_, configuration, trust, &why)) {
     completion = attempt->takeCompletion();
     QELLogging::log("Request not sent: %s", 2, kDomain, why);
     return failLater(networkError(NetworkErrorCode::Io, why));

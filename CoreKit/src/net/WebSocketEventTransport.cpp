@@ -182,6 +182,11 @@ void WebSocketEventTransport::Channel::connect() {
   }
   Target target;
   target.host = *configuration.host;
+  // An IPv6 host may be configured in brackets, as URLs carry it; the name
+  // checked against the certificate and looked up is the bare address.
+  if (target.host.size() > 2 && target.host.front() == '[' && target.host.back() == ']') {
+    target.host = target.host.substr(1, target.host.size() - 2);
+  }
   target.port = configuration.port.value_or(443);
   target.path = configuration.eventPath.value_or("/skelion/events");
   const bool ipv6 = target.host.find(':') != std::string::npos;

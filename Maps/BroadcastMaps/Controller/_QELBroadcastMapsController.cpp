@@ -3,6 +3,7 @@
 #include "BroadcastMaps/Requests/_QELBroadcastMapsRequest.h"
 
 #include <qel/Format.h>
+#include <qel/core/QELHostname.h>
 #include <qel/core/QELLogging.h>
 
 #include <boost/json/parse.hpp>
@@ -57,6 +58,14 @@ std::string_view invalidImagesReason(const boost::json::array& images) {
     if (!image.is_object()) return "an element of \"images\" is not an object";
   }
   return {};
+}
+
+// Why a record of this many entries is refused, or empty when it is not:
+// each entry costs every engine work, and a server is not to decide how much.
+std::string tooManyEntries(std::size_t entries) {
+  const std::size_t limit = *core::QELConfiguration::effective().maxMapEntries;
+  if (entries <= limit) return {};
+  return stringWithFormat("the record would hold %d entries, more than the %d allowed", entries, limit);
 }
 
 }  // namespace
@@ -200,6 +209,10 @@ void QELBroadcastMapsController::processEvent(const std::string& eventName, cons
       merged[key] = std::move(entry);
     }
   }
+  if (const auto excess = tooManyEntries(merged.size()); !excess.empty()) {
+    QELLogging::log("[%@ %d] Invalid event received from server: %s.", 1, kDomain, kDomain, __LINE__, excess);
+    return;
+  }
   setMapInfo(std::make_shared<const boost::json::object>(std::move(merged)));
 }
 
@@ -261,6 +274,10 @@ void QELBroadcastMapsController::processRestResponse(const boost::json::object& 
     auto entry = normalisedEntry(image.get_object());
     auto key = recordKey(entry);
     record[key] = std::move(entry);
+  }
+  if (const auto excess = tooManyEntries(record.size()); !excess.empty()) {
+    QELLogging::log("[%@ %d] Invalid map data received from server: %s.", 1, kDomain, kDomain, __LINE__, excess);
+    return;
   }
   setMapInfo(std::make_shared<const boost::json::object>(std::move(record)));
 }

@@ -14,7 +14,8 @@ namespace qel {
 //
 // fromData() decodes PNG (libspng) and JPEG (TurboJPEG) and returns empty for
 // anything else, for truncated or corrupt data, and for pictures whose header
-// declares more than kMaxPixels (refused before any pixel is decoded).
+// declares more pixels than the budget (refused from the header, before any
+// buffer for pixels is allocated: a small file may claim a huge picture).
 //
 // Two images are equal when they show the same picture: same size, same
 // pixels, whatever the encoding they came from.
@@ -25,9 +26,19 @@ namespace qel {
 //   if (image && *image != *previous) show(image);
 class QEL_EXPORT Image {
  public:
-  static constexpr std::uint64_t kMaxPixels = 64ull * 1024 * 1024;
+  // Enough for any map picture; a bigger one costs 64 MiB and more decoded.
+  static constexpr std::uint64_t kMaxPixels = 16ull * 1024 * 1024;
 
-  static std::shared_ptr<const Image> fromData(std::span<const std::uint8_t> data);
+  // Why fromData() returned empty: the size a header declared (0 x 0 when
+  // none was read), and whether that size alone was the reason.
+  struct Refusal {
+    std::size_t width = 0;
+    std::size_t height = 0;
+    bool overBudget = false;
+  };
+
+  static std::shared_ptr<const Image> fromData(std::span<const std::uint8_t> data, std::uint64_t maxPixels = kMaxPixels,
+                                               Refusal* refusal = nullptr);
   static std::shared_ptr<const Image> fromRGBA(std::size_t width, std::size_t height,
                                                std::vector<std::uint8_t> rgba);
 

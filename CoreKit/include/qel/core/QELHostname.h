@@ -2,6 +2,7 @@
 
 #include <qel/Export.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -18,6 +19,8 @@ namespace qel::core {
 //   eventPath       QEL_EVENT_PATH         "/skelion/events"
 //   logThreshold    QEL_LOG_LEVEL          3
 //   dnsServers      QEL_DNS_SERVERS        (the system's name servers)
+//   maxPixels       QEL_MAX_PIXELS         16777216 (a decoded picture's budget)
+//   maxMapEntries   QEL_MAX_MAP_ENTRIES    256 (entries of the map record)
 // `resolve` has no fallback.
 struct QEL_EXPORT QELConfiguration {
   std::optional<std::string> host;
@@ -32,6 +35,11 @@ struct QEL_EXPORT QELConfiguration {
   // Name servers to ask instead of the system's, "ADDR[:PORT][,...]"
   // (bracket an IPv6 address that has a port).
   std::optional<std::string> dnsServers;
+  // Limits against a careless or hostile server: a picture whose header
+  // declares more pixels is not decoded, and map data that would make the
+  // record hold more entries is refused whole.
+  std::optional<std::uint64_t> maxPixels;
+  std::optional<std::size_t> maxMapEntries;
 
   // Replaces the application's settings (the log threshold is applied now).
   static void set(const QELConfiguration& configuration);

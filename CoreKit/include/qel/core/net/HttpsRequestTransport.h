@@ -17,10 +17,12 @@ namespace qel::core::net {
 // are bounded by the request's maximum response size while they arrive, and
 // non-2xx answers fail.
 //
-// Time limits: connecting (name lookup, TCP and TLS) must finish within
-// connectTimeout. A name with several addresses in the configured host table
-// gets addressWindow per address but the last, so a dead first address costs
-// a quarter of a second. After that an attempt fails only when no byte arrives for
+// Names are looked up on the loop (see Resolver: the configured host table,
+// then the configured or the system's name servers), never by curl.
+//
+// Time limits: connecting (TCP and TLS) must finish within connectTimeout. A
+// name with several addresses gets addressWindow per address but the last,
+// so a dead first address costs a quarter of a second. After that an attempt fails only when no byte arrives for
 // inactivityTimeout: a large picture on a slow link may take as long as it
 // keeps coming.
 //
@@ -40,8 +42,8 @@ class HttpsRequestTransport : public RequestTransport {
 
   struct Options {
     std::chrono::milliseconds connectTimeout = kConnectTimeout;
-    // Each address of a name in the configured host table but the last gets
-    // this long before the next one is tried.
+    // Each address of a name but the last gets this long before the next one
+    // is tried.
     std::chrono::milliseconds addressWindow = kAddressWindow;
     // Checked about once a second, so a silent peer fails within this and a
     // second more.
