@@ -4,8 +4,10 @@
 // to the harness, with the wall-clock time (seconds since the epoch, so that
 // lines from many processes and the simulator's log share one clock):
 //
-//   1700000000.123 picture 17     a new map picture is shown; 17 is the
-//                                 update it was rendered for (from its URL)
+//   1700000000.001 started 5120   before the service exists: resident KiB
+//   1700000000.123 picture 17 31044
+//                                 a new map picture is shown: the update it
+//                                 was rendered for (from its URL), its bytes
 //   1700000000.456 error          no map data (connection lost, reload failed)
 //
 // Library log lines of level 2 and below go to standard error.
@@ -21,6 +23,8 @@
 #include <iostream>
 #include <string>
 
+#include <unistd.h>
+
 namespace {
 
 // What observes the service: the notification centre holds observers weakly.
@@ -28,6 +32,16 @@ struct Screen : qel::Object {};
 
 double wallClock() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+long residentKiB() {
+  long pages = 0;
+  long resident = 0;
+  if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(statm, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    std::fclose(statm);
+  }
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 // The update number of an image URL the simulator serves ("/maps/WxH/N.png"),
@@ -65,18 +79,24 @@ int main(int argc, char** argv) {
   // the transport's level-4 line for each finished download names it, and
   // the image-changed notification follows that download's line.
   long lastDownloaded = -1;
+  long lastBytes = 0;
   configuration.logThreshold = 4;
   qel::core::QELConfiguration::set(configuration);
   qel::core::QELLogging::setSink([&](int level, std::string_view domain, std::string_view message) {
     if (message.starts_with("GET ") && message.find("/maps/") != std::string_view::npos) {
-      const auto colon = message.find(": 200,");
-      if (colon != std::string_view::npos) lastDownloaded = updateOf(message.substr(4, colon - 4));
+      const auto colon = message.find(": 200, ");
+      if (colon != std::string_view::npos) {
+        lastDownloaded = updateOf(message.substr(4, colon - 4));
+        lastBytes = std::strtol(std::string(message.substr(colon + 7, 20)).c_str(), nullptr, 10);
+      }
     } else if (level <= 2) {
       std::fprintf(stderr, "%d %.*s %.*s\n", level, static_cast<int>(domain.size()), domain.data(),
                    static_cast<int>(message.size()), message.data());
     }
   });
 
+  std::printf("%.3f started %ld\n", wallClock(), residentKiB());
+  std::fflush(stdout);
   auto maps = qel::QELBroadcastMapsV1::create();
   if (!maps) {
     std::cerr << "passenger: the maps service is not available\n";
@@ -88,7 +108,7 @@ int main(int argc, char** argv) {
   center.addObserver(
       screen,
       [&](const qel::Notification&) {
-        if (maps->mapImage()) std::printf("%.3f picture %ld\n", wallClock(), lastDownloaded);
+        if (maps->mapImage()) std::printf("%.3f picture %ld %ld\n", wallClock(), lastDownloaded, lastBytes);
         std::fflush(stdout);
       },
       qel::QELBroadcastMapsImageDidChangeNotification, maps);

@@ -238,8 +238,9 @@ class Simulator:
 class Passenger:
     def __init__(self, index, child, out):
         self.index, self.child, self.out = index, child, out
-        self.pictures = []  # (time, update)
+        self.pictures = []  # (time, update, bytes)
         self.errors = []
+        self.started_kib = None
         self.read = 0
 
     def poll(self):
@@ -247,8 +248,10 @@ class Passenger:
         end = text.rfind(b"\n") + 1
         for line in text[self.read:end].decode().splitlines():
             parts = line.split()
-            if len(parts) == 3 and parts[1] == "picture":
-                self.pictures.append((float(parts[0]), int(parts[2])))
+            if len(parts) == 4 and parts[1] == "picture":
+                self.pictures.append((float(parts[0]), int(parts[2]), int(parts[3])))
+            elif len(parts) == 3 and parts[1] == "started":
+                self.started_kib = int(parts[2])
             elif len(parts) == 2 and parts[1] == "error":
                 self.errors.append(float(parts[0]))
         self.read = end
@@ -256,15 +259,24 @@ class Passenger:
     def back_after(self, stopped):
         """When the first picture after losing the map at `stopped` came."""
         lost = next((t for t in self.errors if t >= stopped), stopped)
-        return next((t for t, _ in self.pictures if t > lost), None)
+        return next((t for t, *_ in self.pictures if t > lost), None)
 
 
 def cpu_and_memory(pid):
-    """(CPU seconds, resident MiB) of a process."""
+    """(CPU seconds, resident MiB) of a process; schedstat counts nanoseconds
+    where stat counts ticks of 10 ms."""
+    cpu = int(Path(f"/proc/{pid}/schedstat").read_text().split()[0]) / 1e9
     fields = Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-    cpu = (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
     rss = int(fields[21]) * os.sysconf("SC_PAGE_SIZE") / 2**20
     return cpu, rss
+
+
+def bits_per_second(rate):
+    """tc's "54mbit" and the like, in bit/s."""
+    for suffix, factor in (("gbit", 1e9), ("mbit", 1e6), ("kbit", 1e3), ("bit", 1)):
+        if rate.endswith(suffix):
+            return float(rate[:-len(suffix)]) * factor
+    return float(rate)
 
 
 def percentile(values, p):
@@ -346,20 +358,31 @@ def run(args, work, processes, cabin):
     wait_for(passengers, alive, lambda p: False, args.steady)
     steady_to = time.time()
     pushes = {u: t for u, t in sim.pushes(1).items() if steady_from <= t <= steady_to - args.interval}
-    latencies, never = [], {}
+    latencies, never, floors, lasts = [], {}, [], []
     for update, pushed in sorted(pushes.items()):
-        for p in passengers:
-            shown = next((t for t, u in p.pictures if u == update), None)
-            if shown is None:
-                never[update] = never.get(update, 0) + 1
-            else:
-                latencies.append(max(0.0, shown - pushed))
-    results.update(updates=len(pushes), latencies=latencies, never=never)
+        shown = [next(((t, size) for t, u, size in p.pictures if u == update), None) for p in passengers]
+        never_here = sum(1 for s in shown if s is None)
+        if never_here:
+            never[update] = never_here
+        here = [max(0.0, t - pushed) for t, _ in filter(None, shown)]
+        latencies += here
+        if here and cabin.namespaces and cabin.rate:
+            # The link's floor: every passenger's picture sent back to back at
+            # the link's rate (TCP, TLS and HTTP headers not counted).
+            floors.append(sum(size for _, size in filter(None, shown)) * 8 / bits_per_second(cabin.rate))
+            lasts.append(max(here))
+    results.update(updates=len(pushes), latencies=latencies, never=never, floors=floors, lasts=lasts)
     (work / "latency.dat").write_text("".join(f"{v:.4f}\n" for v in sorted(latencies)))
     if latencies:
         log(f"steady: {len(pushes)} updates x {len(passengers)} passengers: update to picture median "
             f"{statistics.median(latencies):.3f} s, p99 {percentile(latencies, 99):.3f} s, max {max(latencies):.3f} s; "
             f"updates some passenger never showed: {len(never)} ({sum(never.values())} pictures missed)")
+    if floors:
+        pictures = [size for p in passengers for _, u, size in p.pictures if u in pushes]
+        log(f"steady: the link's floor per update (every picture, {statistics.median(pictures) / 1024:.1f} KiB "
+            f"median, back to back at {cabin.rate}) {statistics.median(floors):.3f} s; the last passenger's picture "
+            f"came after {statistics.median(lasts):.3f} s (median over updates, "
+            f"{statistics.median(lasts) / statistics.median(floors):.2f}x the floor)")
 
     # Restart. The simulator's log tells when it stopped accepting and when it
     # listened again (it renders the first update just before it listens).
@@ -405,9 +428,11 @@ def run(args, work, processes, cabin):
         sim_after = cpu_and_memory(sim.child.pid)
         cpu = [(a[0] - b[0]) * 1000 for a, b in zip(after, before)]
         rss = [a[1] for a in after]
+        started_rss = [p.started_kib / 1024 for p in passengers if p.started_kib]
         results.update(rest_cpu=cpu, rest_rss=rss, sim_rest_cpu=(sim_after[0] - sim_before[0]) * 1000)
-        log(f"at rest for {args.rest} s: CPU per passenger median {statistics.median(cpu):.0f} ms, max "
-            f"{max(cpu):.0f} ms; resident memory median {statistics.median(rss):.1f} MiB, max {max(rss):.1f} MiB; "
+        log(f"at rest for {args.rest} s: CPU per passenger median {statistics.median(cpu):.1f} ms, max "
+            f"{max(cpu):.1f} ms; resident memory median {statistics.median(rss):.1f} MiB, max {max(rss):.1f} MiB "
+            f"(before the service existed: median {statistics.median(started_rss):.1f} MiB); "
             f"simulator {results['sim_rest_cpu']:.0f} ms")
 
     alive()
