@@ -464,6 +464,7 @@ def plot(work, args, results):
     out = Path(args.plots)
     out.mkdir(parents=True, exist_ok=True)
     n = results["N"]
+    p99 = percentile(results["latencies"], 99)
     script = f"""
 set terminal pngcairo size 800,450 font ",10"
 set grid
@@ -474,8 +475,16 @@ set ylabel "pictures"
 set style fill solid 0.6
 binwidth = 0.05
 bin(x) = binwidth * floor(x / binwidth) + binwidth / 2
-set arrow from {percentile(results['latencies'], 99)}, graph 0 to {percentile(results['latencies'], 99)}, graph 1 nohead dt 2 lc rgb "red"
-set label "p99" at {percentile(results['latencies'], 99)}, graph 0.95 offset 0.5,0 tc rgb "red"
+set arrow from {p99}, graph 0 to {p99}, graph 1 nohead dt 2 lc rgb "red"
+set label "p99" at {p99}, graph 0.95 offset 0.5,0 tc rgb "red"
+"""
+    if results["floors"]:
+        floor = statistics.median(results["floors"])
+        script += f"""
+set arrow from {floor}, graph 0 to {floor}, graph 1 nohead dt 3 lc rgb "black"
+set label "every picture at the link's rate" at {floor}, graph 0.88 offset 0.5,0
+"""
+    script += f"""
 plot "{work}/latency.dat" using (bin($1)):(1.0) smooth freq with boxes lc rgb "#3060a0" notitle
 """
     if (work / "syn.dat").exists():
@@ -486,6 +495,7 @@ set output "{out}/cabin_scale_reconnect.png"
 set title "Connection attempts at the server around the restart, {n} passengers"
 set xlabel "seconds from the server listening again (it stopped at {-results['down']:.1f} s)"
 set ylabel "SYNs per 100 ms"
+set yrange [0:{max(results['syn_peak'], n / 5) * 1.2}]
 plot "{work}/syn.dat" using 1:2 with boxes lc rgb "#3060a0" title "attempts", \\
      {n / 5} with lines dt 2 lc rgb "red" title "N/5"
 """
