@@ -22,6 +22,7 @@ done
 # skips it.
 if [ "${QEL_TEST_CABIN:-1}" != 0 ] && [[ " $presets " == *" debug "* ]]; then
   echo "== cabin"
+  cmake --build --preset debug -j "$jobs" --target cabin-passenger
   bench/cabin_scale/run.py --short --build build/debug
 fi
 

@@ -82,6 +82,7 @@ class Cabin:
             self._ip("netns", "add", ns)
             self.made.append(ns)
             self._ip("-n", ns, "link", "set", "lo", "up")
+            self._ip("netns", "exec", ns, "true")  # some containers make them but cannot enter them
         self._ip("link", "add", self.server_if, "netns", self.server_ns, "type", "veth", "peer", "name",
                  self.passenger_if, "netns", self.passenger_ns)
         for ns, dev, ip in ((self.server_ns, self.server_if, SERVER_IP),
