@@ -23,6 +23,17 @@ if [[ " $presets " == *" debug "* ]]; then
   bench/slow_lookup.py build/debug --duration 1 --slack 2 || [ $? = 77 ]
 fi
 
+# A whole cabin, short: the simulator and 20 passenger processes of the
+# debug build, an update every 2 s, the server restarted once (about 20 s; on
+# loopback without the link limit where network namespaces cannot be made).
+# It fails on a crash or a passenger left without a map. QEL_TEST_CABIN=0
+# skips it.
+if [ "${QEL_TEST_CABIN:-1}" != 0 ] && [[ " $presets " == *" debug "* ]]; then
+  echo "== cabin"
+  cmake --build --preset debug -j "$jobs" --target cabin-passenger
+  bench/cabin_scale/run.py --short --build build/debug
+fi
+
 # The library as an application gets it: the shared release build installed
 # into a temporary prefix and as Debian packages, and a consumer application
 # built against it with find_package, pkg-config and add_subdirectory, each

@@ -10,6 +10,8 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <map>
+#include <random>
 
 namespace qel::core::net::testing {
 namespace {
@@ -164,6 +166,31 @@ TEST_F(WebSocketEventTransportTests, WithoutAHostItDoesNotConnect) {
   loop().runPending();
   EXPECT_EQ(transport.connectionAttempts(), 0);
   EXPECT_EQ(server_.acceptCount(), 0);
+}
+
+// A cabin's devices all lose the server in the same instant when it restarts;
+// their own random waits must spread the attempts that follow, or the server
+// comes back to a wave of handshakes. Each device's waits stay within the
+// growing bound, and the bound stops at the maximum.
+TEST(WebSocketEventTransportBackoff, ACabinLosingItsServerSpreadsItsAttempts) {
+  const WebSocketEventTransport::Options options;
+  constexpr int kDevices = 300;
+  std::map<long, int> attemptsPerTenth;
+  for (int device = 0; device < kDevices; ++device) {
+    std::mt19937 random(static_cast<unsigned>(device));
+    std::chrono::steady_clock::duration at{};
+    for (int failures = 0; failures < 40; ++failures) {
+      const auto delay = WebSocketEventTransport::reconnectDelay(failures, options, random);
+      ASSERT_GE(delay.count(), 0);
+      ASSERT_LE(delay, std::min<std::chrono::steady_clock::duration>(
+                           options.maximumBackoff, options.initialBackoff * (1 << std::min(failures, 10))));
+      at += delay;
+      ++attemptsPerTenth[static_cast<long>(at / 100ms)];
+    }
+  }
+  const auto peak = std::max_element(attemptsPerTenth.begin(), attemptsPerTenth.end(),
+                                     [](const auto& a, const auto& b) { return a.second < b.second; });
+  EXPECT_LT(peak->second, kDevices / 5) << "at " << peak->first * 100 << " ms";
 }
 
 }  // namespace

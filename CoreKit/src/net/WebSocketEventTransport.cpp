@@ -212,13 +212,7 @@ void WebSocketEventTransport::Channel::connect() {
 
 void WebSocketEventTransport::Channel::scheduleReconnect() {
   if (!running_) return;
-  // Full jitter: a random wait up to the bound, so that every device in the
-  // cabin does not come back in the same instant after the server restarts.
-  const int step = std::min(backoffStep_, 30);
-  ++backoffStep_;
-  const auto bound = std::min<Clock::duration>(options_.maximumBackoff, options_.initialBackoff * (1LL << step));
-  std::uniform_int_distribution<Clock::rep> distribution(0, bound.count());
-  const Clock::duration delay(distribution(random_));
+  const Clock::duration delay = reconnectDelay(backoffStep_++, options_, random_);
   QELLogging::log("Reconnecting the event channel in %s", 4, kDomain, seconds(delay));
 
   auto timer = std::make_shared<asio::steady_timer>(RunLoop::current().context(), delay);
@@ -229,6 +223,15 @@ void WebSocketEventTransport::Channel::scheduleReconnect() {
     channel->reconnectTimer_.reset();
     channel->connect();
   });
+}
+
+Clock::duration WebSocketEventTransport::reconnectDelay(int failures, const Options& options, std::mt19937& random) {
+  // Full jitter: a random wait up to the bound, so that every device in the
+  // cabin does not come back in the same instant after the server restarts.
+  const int step = std::clamp(failures, 0, 20);  // the bound is long capped by then
+  const auto bound = std::min<Clock::duration>(options.maximumBackoff, options.initialBackoff * (1LL << step));
+  std::uniform_int_distribution<Clock::rep> distribution(0, bound.count());
+  return Clock::duration(distribution(random));
 }
 
 void WebSocketEventTransport::Channel::sessionConnected(const Session* session) {

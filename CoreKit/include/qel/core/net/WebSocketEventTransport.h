@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <memory>
 #include <optional>
+#include <random>
 
 namespace qel::core::net {
 
@@ -25,9 +26,12 @@ namespace qel::core::net {
 // The WebSocket handshake completing is "connected"; the connection closing
 // or failing is "disconnected", reported once per connection (an attempt that
 // never connected reports nothing). The transport then reconnects on its own,
-// after a random delay between zero and a bound that starts at 0.5 s and
+// after a random delay between zero and a bound that starts at 2 s and
 // doubles with each attempt up to 30 s; a connection that stayed up a minute
-// resets the bound. A connection silent for half of kDeadAfter is pinged; one
+// resets the bound. The first bound is what spreads a cabin: every device
+// loses the server in the same instant when it restarts, and a few hundred
+// first attempts drawn over 2 s put about a twentieth of them in any 100 ms
+// (over 0.5 s it was a fifth, with peaks well above). A connection silent for half of kDeadAfter is pinged; one
 // that has said nothing, not even a pong, for kDeadAfter is taken for dead.
 //
 // Without a configured host the transport logs that once and stays
@@ -41,7 +45,7 @@ class WebSocketEventTransport : public EventTransport {
   static constexpr std::chrono::seconds kConnectTimeout{5};
   static constexpr std::chrono::milliseconds kAttemptDelay{250};
   static constexpr std::chrono::seconds kDeadAfter{20};
-  static constexpr std::chrono::milliseconds kInitialBackoff{500};
+  static constexpr std::chrono::milliseconds kInitialBackoff{2000};
   static constexpr std::chrono::seconds kMaximumBackoff{30};
   static constexpr std::chrono::seconds kHealthyAfter{60};
   static constexpr std::size_t kMaximumFrameSize = 1024 * 1024;
@@ -72,6 +76,10 @@ class WebSocketEventTransport : public EventTransport {
 
   // Connection attempts since construction.
   int connectionAttempts() const;
+
+  // The wait before reconnecting after `failures` attempts (0 after losing a
+  // connection): uniform between zero and the bound of that step.
+  static std::chrono::steady_clock::duration reconnectDelay(int failures, const Options& options, std::mt19937& random);
 
  private:
   class Channel;
