@@ -5,6 +5,7 @@
 #include <qel/Format.h>
 #include <qel/core/QELLogging.h>
 
+#include <boost/json/monotonic_resource.hpp>
 #include <boost/json/parse.hpp>
 
 #include <algorithm>
@@ -32,6 +33,14 @@ struct ClassState {
 ClassState& classState() {
   static auto* const state = new ClassState;
   return *state;
+}
+
+// Where a record and the text it is parsed from live: one arena per record,
+// sized after the text, released with the last reference to anything in it.
+// Parsing into it and freeing it cost a fraction of a heap allocation per
+// node, and the parsed image objects become the entries without a copy.
+boost::json::storage_ptr recordStorage(std::size_t textSize) {
+  return boost::json::make_shared_resource<boost::json::monotonic_resource>(2 * textSize);
 }
 
 // The server's image object made a record entry in place: null "width",
@@ -241,7 +250,8 @@ void QELBroadcastMapsController::processEvent(const std::string& eventName, cons
   }
 
   boost::system::error_code parseError;
-  boost::json::value parsed = boost::json::parse(images->get_string(), parseError);
+  const auto storage = recordStorage(images->get_string().size());
+  boost::json::value parsed = boost::json::parse(images->get_string(), parseError, storage);
   // Text that is not JSON, or JSON that is a bare number, string or literal,
   // is dropped without a word: such updates are noise, not a broken server.
   if (parseError || !(parsed.is_array() || parsed.is_object())) return;
@@ -260,7 +270,7 @@ void QELBroadcastMapsController::processEvent(const std::string& eventName, cons
   // entries are lost on purpose: the result is an empty record, which a
   // reload replaces.
   const MapInfo current = mapInfo();
-  boost::json::object merged;
+  boost::json::object merged(storage);
   if (current) merged = mergedRecord(*current, keyedEntries(*array));
   setMapInfo(std::make_shared<const boost::json::object>(std::move(merged)));
 }
@@ -281,8 +291,8 @@ void QELBroadcastMapsController::requestDidFinish(const std::shared_ptr<core::QE
   QELLogging::log("%s called.", 4, kDomain,
                   "-[_QELBroadcastMapsController requestDidFinish:withData:]");
   boost::system::error_code parseError;
-  auto parsed = boost::json::parse(
-      std::string_view(reinterpret_cast<const char*>(data.data()), data.size()), parseError);
+  auto parsed = boost::json::parse(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()),
+                                   parseError, recordStorage(data.size()));
   // A body that does not parse keeps the record as it is: unlike a failed
   // request, it says nothing about whether the data is still current.
   if (parseError || !(parsed.is_array() || parsed.is_object())) return;
