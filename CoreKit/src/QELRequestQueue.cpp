@@ -57,7 +57,11 @@ struct QELRequestQueue::State : std::enable_shared_from_this<State> {
   std::shared_ptr<RequestTransport> transport;  // empty: the shared one at each attempt
   RunLoop* loop;
   int maxConcurrent = -1;
+  // Cancelled entries stay here until the pump or a compaction drops them:
+  // erasing each from the middle would make a burst of cancels (every
+  // engine superseding its download at once) quadratic in the queue length.
   std::deque<std::shared_ptr<Entry>> waiting;
+  std::size_t cancelledWaiting = 0;
   std::vector<std::shared_ptr<Entry>> active;  // running or waiting to retry
   bool pumpPosted = false;
   std::uint64_t nextAttempt = 1;
@@ -95,6 +99,10 @@ void QELRequestQueue::State::pump() {
   while (!waiting.empty() && hasFreeSlot()) {
     auto entry = std::move(waiting.front());
     waiting.pop_front();
+    if (entry->phase == Entry::Phase::Done) {
+      --cancelledWaiting;
+      continue;
+    }
     active.push_back(entry);
     startAttempt(entry);
   }
@@ -165,7 +173,13 @@ void QELRequestQueue::State::retry(const std::shared_ptr<Entry>& entry) {
 void QELRequestQueue::State::cancel(const std::shared_ptr<Entry>& entry) {
   switch (entry->phase) {
     case Entry::Phase::Waiting:
-      waiting.erase(std::remove(waiting.begin(), waiting.end(), entry), waiting.end());
+      // Left in place, skipped by the pump; compacted once they are the
+      // majority, so that a queue whose slot stays busy does not grow.
+      if (++cancelledWaiting * 2 > waiting.size()) {
+        entry->phase = Entry::Phase::Done;
+        std::erase_if(waiting, [](const auto& e) { return e->phase == Entry::Phase::Done; });
+        cancelledWaiting = 0;
+      }
       break;
     case Entry::Phase::Running:
       if (auto operation = entry->operation.lock()) operation->cancel();
@@ -181,7 +195,9 @@ void QELRequestQueue::State::cancel(const std::shared_ptr<Entry>& entry) {
       return;
   }
   entry->phase = Entry::Phase::Done;
-  QELLogging::log("Cancelled the request for %s.", 5, kDomain, entry->request->requestURL());
+  if (QELLogging::threshold() >= 5) {
+    QELLogging::log("Cancelled the request for %s.", 5, kDomain, entry->request->requestURL());
+  }
   // The cancel may come from deep inside someone's callback: start the next
   // request from a fresh callout.
   schedulePump();
@@ -236,7 +252,7 @@ int QELRequestQueue::maxConcurrentOperationCount() const { return state_->maxCon
 void QELRequestQueue::addRequest(const std::shared_ptr<QELRequest>& request) { state_->add(request); }
 
 std::size_t QELRequestQueue::operationCount() const {
-  return state_->waiting.size() + state_->active.size();
+  return state_->waiting.size() - state_->cancelledWaiting + state_->active.size();
 }
 
 RunLoop::Duration QELRequestQueue::retryDelay(int attempt) {

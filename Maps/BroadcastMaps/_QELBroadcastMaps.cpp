@@ -8,6 +8,7 @@
 #include <qel/core/QELLogging.h>
 #include <qel/core/QELNotifications.h>
 
+#include <algorithm>
 #include <string_view>
 
 namespace qel::internal {
@@ -28,10 +29,20 @@ std::shared_ptr<core::QELRequestQueue>& sharedImageQueue() {
   return *queue;
 }
 
+// The entry's field, or none. A walk: an image object has a handful of
+// fields, and walking them costs less than the object's own lookup.
+const boost::json::value* fieldOf(const boost::json::object& entry, std::string_view name) {
+  if (entry.size() > 8) return entry.if_contains(name);
+  for (const auto& field : entry) {
+    if (field.key() == name) return &field.value();
+  }
+  return nullptr;
+}
+
 // A size as the engine compares it: through single precision, the way the
 // record's values are read, so a listed resolution always matches its entry.
 CGFloat entrySize(const boost::json::object& entry, std::string_view field) {
-  return static_cast<CGFloat>(floatValue(entry.if_contains(field)));
+  return static_cast<CGFloat>(floatValue(fieldOf(entry, field)));
 }
 
 const boost::json::object& entryAt(const boost::json::value& value) {
@@ -50,9 +61,24 @@ void logPosting(std::string_view format, int line = __builtin_LINE()) {
 
 // The entry's image source; a "src" that is not text counts as none.
 std::optional<std::string> sourceOf(const boost::json::object& entry) {
-  const auto* src = entry.if_contains("src");
+  const auto* src = fieldOf(entry, "src");
   if (!src || !src->is_string()) return std::nullopt;
   return std::string(src->get_string());
+}
+
+// The record's keys in its own order; none without a record.
+std::optional<QELBroadcastMaps::KeyList> keyList(const MapInfo& record) {
+  if (!record) return std::nullopt;
+  QELBroadcastMaps::KeyList keys;
+  keys.reserve(record->size());
+  for (const auto& item : *record) keys.emplace_back(item.key());
+  return keys;
+}
+
+// Whether the record lists exactly these keys, in this order.
+bool hasKeys(const boost::json::object& record, const QELBroadcastMaps::KeyList& keys) {
+  return std::equal(record.begin(), record.end(), keys.begin(), keys.end(),
+                    [](const auto& item, const std::string& key) { return item.key() == key; });
 }
 
 }  // namespace
@@ -148,16 +174,21 @@ std::optional<std::string> QELBroadcastMaps::imageURLForResolution() const {
     QELLogging::log("%s image resolution not set. Setting first resolution", 4, kDomain,
                     "-[_QELBroadcastMaps imageURLForResolution]");
     candidate = sourceOf(firstEntry);
+  } else if (const auto* known = knownMatch()) {
+    if (*known) candidate = sourceOf(**known);
   } else {
+    const boost::json::object* match = nullptr;
     // Exact comparison, no tolerance: the first entry of this size wins.
     for (const auto& item : *mapInfo_) {
       const auto& entry = entryAt(item.value());
       if (entrySize(entry, "width") != currentResolution_->width()) continue;
       if (entrySize(entry, "height") == currentResolution_->height()) {
         candidate = sourceOf(entry);
+        match = &entry;
         break;
       }
     }
+    rememberMatch(match);
   }
   if (candidate) return candidate;
 
@@ -166,6 +197,24 @@ std::optional<std::string> QELBroadcastMaps::imageURLForResolution() const {
   QELLogging::log("%s image resolution not found. Setting first resolution", 4, kDomain,
                   "-[_QELBroadcastMaps imageURLForResolution]");
   return sourceOf(firstEntry);
+}
+
+// A record never changes, so the same record and the same chosen size give
+// the same match: a decision asks twice (once to compare, once to download)
+// and only the first walks the record. The record is watched weakly, so that
+// a new record at a freed one's address is never taken for it.
+const boost::json::object* const* QELBroadcastMaps::knownMatch() const {
+  const auto& known = knownMatch_;
+  if (known.recordAddress != mapInfo_.get() || known.record.expired()) return nullptr;
+  if (known.width != currentResolution_->width() || known.height != currentResolution_->height()) {
+    return nullptr;
+  }
+  return &known.entry;
+}
+
+void QELBroadcastMaps::rememberMatch(const boost::json::object* entry) const {
+  knownMatch_ = {mapInfo_, mapInfo_.get(), currentResolution_->width(),
+                 currentResolution_->height(), entry};
 }
 
 // MARK: - Reception
@@ -223,7 +272,7 @@ void QELBroadcastMaps::downloadImage() {
     return;
   }
   lastKnownImageURL_ = url;
-  imageRequest_ = core::QELImageDownloadRequest::initWithImageURL(*url, sharedFrom(this));
+  imageRequest_ = core::QELImageDownloadRequest::initWithImageURL(std::move(*url), sharedFrom(this));
   requestQueue()->addRequest(imageRequest_);
 }
 
@@ -290,16 +339,11 @@ void QELBroadcastMaps::observeValueForKeyPath(const std::string& keyPath, const 
   mapInfo_ = broadcastMapsController_->mapInfo();
 
   // Resolutions: the key list in the record's own order. A different order
-  // counts as a change, and two missing lists do not.
-  std::optional<KeyList> keys;
-  if (mapInfo_) {
-    keys.emplace();
-    keys->reserve(mapInfo_->size());
-    for (const auto& item : *mapInfo_) keys->emplace_back(item.key());
-  }
-  const bool sameKeys = keys && lastKnownResolutions_ && *keys == *lastKnownResolutions_;
-  if (!sameKeys && (keys || lastKnownResolutions_)) {
-    lastKnownResolutions_ = std::move(keys);
+  // counts as a change, and two missing lists do not. The list is made only
+  // when it is news.
+  const bool sameKeys = mapInfo_ && lastKnownResolutions_ && hasKeys(*mapInfo_, *lastKnownResolutions_);
+  if (!sameKeys && (mapInfo_ || lastKnownResolutions_)) {
+    lastKnownResolutions_ = keyList(mapInfo_);
     logPosting("[%@ %d] Posting notification: QELBroadcastMapsAvailableResolutionsDidChangeNotification.");
     post(QELBroadcastMapsAvailableResolutionsDidChangeNotification);
   }

@@ -89,9 +89,22 @@ class QELBroadcastMaps : public Object,
                               const KeyValueChange& change, void* context) override;
 
  private:
+  // What imageURLForResolution's walk found for one record and chosen size.
+  struct KnownMatch {
+    std::weak_ptr<const boost::json::object> record;
+    const boost::json::object* recordAddress = nullptr;
+    CGFloat width = 0;
+    CGFloat height = 0;
+    // The matching entry, inside `record`; none when nothing matched.
+    const boost::json::object* entry = nullptr;
+  };
+
   QELBroadcastMaps() = default;
   bool init();
   void post(const char* name);
+  // The remembered match for the current record and size, if there is one.
+  const boost::json::object* const* knownMatch() const;
+  void rememberMatch(const boost::json::object* entry) const;
 
   ThreadChecker threadChecker_;
   std::shared_ptr<QELBroadcastMapsController> broadcastMapsController_;
@@ -105,6 +118,7 @@ class QELBroadcastMaps : public Object,
   std::optional<std::string> lastKnownImageURL_;
   std::shared_ptr<Timer> retryTimer_;
   bool shouldDownloadImages_ = false;
+  mutable KnownMatch knownMatch_;
 };
 
 }  // namespace qel::internal

@@ -57,6 +57,11 @@ void KeyValueObservable::didChangeValueForKey(std::string_view keyPath, const st
   // assignment; a removed one is not called again for this one.
   const auto snapshot = registrations_;
   bool sawDead = false;
+  // One change for all the observers that asked for the new value: copying
+  // the value for each would cost an allocation per observer.
+  KeyValueChange withNewValue;
+  withNewValue.newValue = newValue;
+  const KeyValueChange withoutNewValue;
   for (const auto& registration : snapshot) {
     if (registration->removed || registration->keyPath != keyPath) continue;
     const auto observer = registration->observer.lock();
@@ -65,12 +70,10 @@ void KeyValueObservable::didChangeValueForKey(std::string_view keyPath, const st
       sawDead = true;
       continue;
     }
-    KeyValueChange change;
-    if ((static_cast<unsigned>(registration->options) &
-         static_cast<unsigned>(KeyValueObservingOptions::New)) != 0) {
-      change.newValue = newValue;
-    }
-    observer->observeValueForKeyPath(path, object, change, registration->context);
+    const bool wantsNewValue = (static_cast<unsigned>(registration->options) &
+                                static_cast<unsigned>(KeyValueObservingOptions::New)) != 0;
+    observer->observeValueForKeyPath(path, object, wantsNewValue ? withNewValue : withoutNewValue,
+                                     registration->context);
   }
   if (sawDead) {
     std::erase_if(registrations_, [](const auto& registration) { return registration->removed; });

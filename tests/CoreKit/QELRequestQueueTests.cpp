@@ -131,6 +131,7 @@ TEST_F(QELRequestQueueTest, CancelInEachStateSilencesTheRequestAndFreesItsSlot) 
     queue_->addRequest(r);
   runPending();
   waiting->cancel();  // never sent
+  EXPECT_EQ(queue_->operationCount(), 4u);
 
   // Running: the attempt is cancelled; the next starts from a later callout.
   running->cancel();
@@ -153,6 +154,19 @@ TEST_F(QELRequestQueueTest, CancelInEachStateSilencesTheRequestAndFreesItsSlot) 
   finishNext("done");
   EXPECT_EQ(attemptedURLs(), (Urls{"/running", "/backing-off", "/delivered", "/last"}));
   EXPECT_EQ(delegate_->outcomes, (Urls{"finish /last done"}));
+  EXPECT_EQ(queue_->operationCount(), 0u);
+}
+
+TEST_F(QELRequestQueueTest, CancelsBehindABusySlotLeaveTheOthersInOrder) {
+  queue_->setMaxConcurrentOperationCount(1);
+  std::vector<std::shared_ptr<TestRequest>> requests;
+  for (const char* url : {"/busy", "/1", "/2", "/3", "/4", "/5"}) requests.push_back(request(url));
+  for (const auto& r : requests) queue_->addRequest(r);
+  runPending();
+  for (int i : {1, 2, 4}) requests[static_cast<std::size_t>(i)]->cancel();  // the last one compacts
+  EXPECT_EQ(queue_->operationCount(), 3u);
+  for (int i = 0; i < 3; ++i) finishNext("ok");
+  EXPECT_EQ(attemptedURLs(), (Urls{"/busy", "/3", "/5"}));
   EXPECT_EQ(queue_->operationCount(), 0u);
 }
 

@@ -198,7 +198,11 @@ TEST_F(ControllerTest, PushedUpdatesMergeIntoTheRecord) {
 
   push({});  // an empty update reassigns the same entries
   EXPECT_EQ(*controller->mapInfo(), *merged);
-  EXPECT_EQ(observer->seen.size(), 3u);
+  // Every key again, in another order: the record keeps its own order.
+  push({imageEntry(1024, 768, nullptr), imageEntry(400, 300, "/b.png"), imageEntry(800, 600, "/a2.png")});
+  EXPECT_EQ(*controller->mapInfo(), *merged);
+  EXPECT_EQ(keys(controller->mapInfo()), keys(merged));
+  EXPECT_EQ(observer->seen.size(), 4u);
 
   // After a disconnect there is nothing to merge into: the record becomes
   // empty and the update's own entries are lost; the next one merges again.

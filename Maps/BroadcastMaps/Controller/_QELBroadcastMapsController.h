@@ -75,7 +75,8 @@ class QELBroadcastMapsController : public Object,
   void reloadData();
   void requestDidFinish(const std::shared_ptr<core::QELRequest>& request, const Data& data) override;
   void requestDidFail(const std::shared_ptr<core::QELRequest>& request, const Error& error) override;
-  void processRestResponse(const boost::json::object& response);
+  // Takes the response: its image objects become the record's entries.
+  void processRestResponse(boost::json::object response);
 
  private:
   QELBroadcastMapsController();
