@@ -4,25 +4,17 @@
 
 #include <QELMaps/QELMaps.h>
 #include <QELMapsQt/QtBroadcastMaps.h>
-#include <cabinsim/Server.h>
 #include <gtest/gtest.h>
 #include <qel/core/QELLogging.h>
-#include <unistd.h>
 
 #include <QApplication>
 #include <QDeadlineTimer>
 #include <QThread>
 #include <QTimer>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <future>
-#include <thread>
 
+#include "../Support/Simulator.h"
 #include "MapView.h"
 #include "ViewerWindow.h"
 
@@ -30,63 +22,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The simulator on a thread of its own: the host has its own, and the GUI
-// thread must stay free to receive. Updates only when the test ticks.
-class Simulator {
- public:
-  // Runs `f` on the simulator's thread and returns its result.
-  template <class F>
-  auto call(F f) {
-    std::packaged_task<std::invoke_result_t<F>()> task(std::move(f));
-    auto result = task.get_future();
-    boost::asio::post(ioc_, std::move(task));
-    return result.get();
-  }
-
-  Simulator() {
-    cabinsim::ServerOptions options;
-    options.intervalSeconds = 3600;
-    server_ = std::make_unique<cabinsim::Server>(ioc_, options);
-    const auto port = server_->start();
-    std::filesystem::create_directories(directory_);
-    std::ofstream(directory_ / "ca.pem") << server_->trustAnchorPem();
-    thread_ = std::thread([this] { ioc_.run(); });
-
-    qel::core::QELConfiguration configuration;
-    configuration.host = "127.0.0.1";
-    configuration.port = port;
-    configuration.caFile = (directory_ / "ca.pem").string();
-    qel::core::QELConfiguration::set(configuration);
-  }
-  ~Simulator() {
-    call([this] { server_.reset(); });
-    work_.reset();
-    thread_.join();
-    qel::core::QELConfiguration::set({});
-    std::filesystem::remove_all(directory_);
-  }
-
+// The simulator on a thread of its own (the host has its own, and the GUI
+// thread must stay free to receive), with the core kit pointed at it.
+struct Simulator : qel::testing::Simulator {
+  Simulator() { qel::core::QELConfiguration::set(configuration()); }
   std::shared_ptr<const qel::Image> served(QSize size) {
-    const auto png = call([&] { return server_->currentPng({size.width(), size.height()}); });
+    const auto png = call([&](cabinsim::Server& server) { return server.currentPng({size.width(), size.height()}); });
     return qel::Image::fromData({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()});
   }
-  bool eventChannelUp() {
-    return call([this] { return server_->eventClientCount() == 1; });
-  }
-  void tick() {
-    call([this] { server_->tick(); });
-  }
-  void stop() {
-    call([this] { server_->stop(); });
-  }
-
- private:
-  boost::asio::io_context ioc_;
-  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_{ioc_.get_executor()};
-  std::unique_ptr<cabinsim::Server> server_;
-  std::filesystem::path directory_ =
-      std::filesystem::temp_directory_path() / ("qelmaps-qt-" + std::to_string(::getpid()));
-  std::thread thread_;
 };
 
 // Runs the GUI thread's event loop until `condition` holds.
