@@ -67,13 +67,12 @@ class EndToEndTest : public ::testing::Test {
   }
   cabinsim::Server& server() { return server_->server(); }
 
-  std::shared_ptr<QELBroadcastMapsV1> startService(std::optional<CGSize> resolution = std::nullopt,
-                                                   bool start = true) {
+  std::shared_ptr<QELBroadcastMapsV1> startService(std::optional<CGSize> resolution = std::nullopt) {
     auto service = QELBroadcastMapsV1::create();
     NotificationCenter::defaultCenter().addObserver(
         app_, [this](const Notification& n) { app_->received.push_back(n.name()); }, {}, service);
     if (resolution) service->setCurrentResolutionWithCGSize(*resolution);
-    if (start) service->start();
+    service->start();
     services_.push_back(service);
     return service;
   }
@@ -139,20 +138,6 @@ TEST_F(EndToEndTest, ADroppedEventChannelReportsNoDataAndTheMapComesBack) {
   ASSERT_TRUE(waitFor([&] { return server().eventClientCount() == 1; }));
   server().tick();
   ASSERT_TRUE(waitFor([&] { return maps->mapImage() != nullptr; }));
-}
-
-TEST_F(EndToEndTest, AFailedImageIsRetriedAfterFiveSecondsWhileConnected) {
-  cabinsim::ServerOptions options;
-  options.faults.failImages = 1;
-  startServer(options);
-  auto maps = startService(std::nullopt, /*start=*/false);
-  ASSERT_TRUE(waitFor([&] { return server().eventClientCount() == 1 && maps->availableResolutions(); }));
-
-  const auto started = std::chrono::steady_clock::now();
-  maps->start();
-  ASSERT_TRUE(waitFor([&] { return maps->mapImage() != nullptr; }, 20s));
-  EXPECT_GE(std::chrono::steady_clock::now() - started, 5s);
-  EXPECT_EQ(logCount("Retrying..."), 1u);
 }
 
 TEST_F(EndToEndTest, MalformedEventsChangeNothing) {
