@@ -12,6 +12,7 @@
 #include "BroadcastMaps/Controller/_QELBroadcastMapsController.h"
 #include "BroadcastMaps/_QELBroadcastMaps.h"
 
+#include <qel/Image.h>
 #include <qel/RunLoop.h>
 #include <qel/core/QELHostname.h>
 #include <qel/core/QELLogging.h>
@@ -31,14 +32,6 @@ inline constexpr std::string_view kFullBody =
     R"({"images":[{"width":1024,"height":768,"src":"/maps/1024x768/1.png"},)"
     R"({"width":800,"height":600,"src":"/maps/800x600/1.png"},)"
     R"({"width":640,"height":480,"src":"/maps/640x480/1.png"}]})";
-
-// A 1x1 PNG, for answering an engine's image download.
-inline constexpr std::uint8_t kTinyPng[] = {
-    0x89, 0x50, 0x4e, 0x47, 0x0d, 0x0a, 0x1a, 0x0a, 0x00, 0x00, 0x00, 0x0d, 0x49, 0x48, 0x44,
-    0x52, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x08, 0x06, 0x00, 0x00, 0x00, 0x1f,
-    0x15, 0xc4, 0x89, 0x00, 0x00, 0x00, 0x0d, 0x49, 0x44, 0x41, 0x54, 0x78, 0x9c, 0x63, 0x50,
-    0x48, 0x58, 0xf0, 0x1f, 0x00, 0x03, 0xe4, 0x02, 0x20, 0x7b, 0x86, 0x0e, 0xdc, 0x00, 0x00,
-    0x00, 0x00, 0x49, 0x45, 0x4e, 0x44, 0xae, 0x42, 0x60, 0x82};
 
 // The state of the record when the fuzzed bytes arrive.
 enum class Prior : std::uint8_t {
@@ -126,12 +119,11 @@ class MapsFuzzHarness {
   // Answers whatever image download the engine has open, so that the
   // decision path through decoding and comparing runs too.
   void answerDownloads() {
+    static const auto png = Image::fromRGBA(1, 1, {0, 0, 0, 255})->pngRepresentation();
     drain();
     auto& requests = env_.requests();
     for (auto index : requests.openAttempts()) {
-      if (requests.attempts()[index].kind == core::QELRequest::Kind::ImageDownload) {
-        requests.finish(index, Data(std::begin(kTinyPng), std::end(kTinyPng)));
-      }
+      if (requests.attempts()[index].kind == core::QELRequest::Kind::ImageDownload) requests.finish(index, Data(png));
     }
     drain();
   }

@@ -12,8 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   MapsFuzzHarness harness(Mode::fromByte(data[0]));
   const qel::Data body(data + 1, data + size);
 
-  if (harness.mode().prior == Prior::Full || harness.mode().prior == Prior::Empty ||
-      harness.mode().prior == Prior::LostAfterFull) {
+  if (harness.mode().prior != Prior::Nil) {
     harness.controller()->reloadData();
     harness.drain();
   }

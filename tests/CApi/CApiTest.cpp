@@ -5,12 +5,10 @@
 #include <QELMaps/qelmaps.h>
 
 #include <QELMaps/QELBroadcastMapsHost.h>
-#include <cabinsim/Server.h>
+
+#include "../Support/Simulator.h"
 
 #include <gtest/gtest.h>
-
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/post.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -19,14 +17,11 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <mutex>
 #include <set>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 extern "C" int qelmaps_test_c_out_of_range(void);
@@ -34,42 +29,6 @@ extern "C" int qelmaps_test_c_out_of_range(void);
 namespace {
 
 using namespace std::chrono_literals;
-
-// The simulator on its own io_context and thread: the client's loop is
-// elsewhere, as the cabin server is another machine.
-class SimulatorThread {
- public:
-  SimulatorThread() : work_(boost::asio::make_work_guard(context_)), server_(context_, options()) {
-    port_ = server_.start();
-    caFile_ = std::filesystem::temp_directory_path() / ("qelmaps-capi-" + std::to_string(getpid()) + ".pem");
-    std::ofstream(caFile_) << server_.trustAnchorPem();
-    thread_ = std::thread([this] { context_.run(); });
-  }
-  ~SimulatorThread() {
-    stop();
-    work_.reset();
-    thread_.join();
-    std::filesystem::remove(caFile_);
-  }
-  void stop() {
-    boost::asio::post(context_, [this] { server_.stop(); });
-  }
-  int port() const { return port_; }
-  std::string caFile() const { return caFile_.string(); }
-
- private:
-  static cabinsim::ServerOptions options() {
-    cabinsim::ServerOptions o;
-    o.intervalSeconds = 3600;
-    return o;
-  }
-  boost::asio::io_context context_;
-  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
-  cabinsim::Server server_;
-  std::uint16_t port_ = 0;
-  std::filesystem::path caFile_;
-  std::thread thread_;
-};
 
 // What the callbacks saw, shared with the test thread.
 struct Recorder {
@@ -91,6 +50,9 @@ struct Recorder {
   bool waitFor(Predicate predicate) {
     std::unique_lock lock(mutex);
     return changed.wait_for(lock, 20s, predicate);
+  }
+  bool waitForEvent(qelmaps_event event) {
+    return waitFor([&] { return std::count(events.begin(), events.end(), event) > 0; });
   }
 };
 
@@ -121,12 +83,6 @@ void recordLog(int level, const char* domain, const char* message, void* userDat
   recorder->logs.push_back(std::to_string(level) + " " + domain + " " + message);
 }
 
-constexpr qelmaps_event kEvents[] = {
-    QELMAPS_EVENT_AVAILABLE_RESOLUTIONS_DID_CHANGE, QELMAPS_EVENT_IMAGE_DID_CHANGE,
-    QELMAPS_EVENT_IMAGE_DID_STOP_RECEIVING_IMAGE,   QELMAPS_EVENT_ERROR,
-    QELMAPS_EVENT_IMAGE_DID_START_RECEIVING_IMAGE,  QELMAPS_EVENT_STATE_DID_CHANGE,
-};
-
 class CApiTest : public ::testing::Test {
  protected:
   void TearDown() override {
@@ -142,12 +98,12 @@ class CApiTest : public ::testing::Test {
     config_ = qelmaps_config_create();
     ASSERT_NE(config_, nullptr);
     ASSERT_EQ(qelmaps_config_set_host(config_, "127.0.0.1"), QELMAPS_OK);
-    ASSERT_EQ(qelmaps_config_set_port(config_, simulator_.port()), QELMAPS_OK);
+    ASSERT_EQ(qelmaps_config_set_port(config_, *simulator_.configuration().port), QELMAPS_OK);
     ASSERT_EQ(qelmaps_config_set_ca_file(config_, simulator_.caFile().c_str()), QELMAPS_OK);
     ASSERT_EQ(qelmaps_config_set_log_threshold(config_, 5), QELMAPS_OK);
     ASSERT_EQ(qelmaps_config_set_log_callback(config_, recordLog, &recorder_), QELMAPS_OK);
-    for (auto event : kEvents) {
-      ASSERT_EQ(qelmaps_config_set_callback(config_, event, recordEvent, &recorder_), QELMAPS_OK);
+    for (int event = 0; event <= QELMAPS_EVENT_STATE_DID_CHANGE; ++event) {
+      ASSERT_EQ(qelmaps_config_set_callback(config_, qelmaps_event(event), recordEvent, &recorder_), QELMAPS_OK);
     }
     if (dispatch) {
       ASSERT_EQ(qelmaps_config_set_dispatch(config_, queueTask, &recorder_), QELMAPS_OK);
@@ -177,7 +133,7 @@ class CApiTest : public ::testing::Test {
     recorder_.tasks.clear();
   }
 
-  SimulatorThread simulator_;
+  qel::testing::Simulator simulator_;
   Recorder recorder_;
   qelmaps_config* config_ = nullptr;
   qelmaps_client* client_ = nullptr;
@@ -263,9 +219,7 @@ TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThread) {
   }
   ASSERT_EQ(qelmaps_client_choose_resolution(client_, 800, 600), QELMAPS_OK);
   ASSERT_EQ(qelmaps_client_start(client_), QELMAPS_OK);
-  ASSERT_TRUE(recorder_.waitFor([&] {
-    return std::count(recorder_.events.begin(), recorder_.events.end(), QELMAPS_EVENT_IMAGE_DID_CHANGE) > 0;
-  }));
+  ASSERT_TRUE(recorder_.waitForEvent(QELMAPS_EVENT_IMAGE_DID_CHANGE));
 
   ASSERT_EQ(qelmaps_client_picture(client_, &picture), QELMAPS_OK);
   EXPECT_EQ(qelmaps_picture_width(picture), 800u);
@@ -293,6 +247,14 @@ TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThread) {
   ASSERT_TRUE(recorder_.waitFor([&] {
     return qelmaps_client_current_resolution(client_, &size) == QELMAPS_ERROR_NO_RESOLUTION;
   }));
+
+  // No map data once the server is gone.
+  simulator_.stop();
+  ASSERT_TRUE(recorder_.waitForEvent(QELMAPS_EVENT_ERROR));
+  EXPECT_EQ(qelmaps_client_state(client_, nullptr, &hasMapData), QELMAPS_OK);
+  EXPECT_EQ(hasMapData, 0);
+  EXPECT_EQ(qelmaps_client_resolutions(client_, nullptr, 0, &count), QELMAPS_OK);
+  EXPECT_EQ(count, 0u);
 
   // The picture outlives the client; every callback ran on one thread that
   // is not ours, and none after destroy returned.
@@ -363,10 +325,7 @@ TEST_F(CApiTest, ADispatchedCallbackMayDestroyTheClientButOneOnTheLibraryThreadM
       ASSERT_TRUE(runTasksUntil([&] { return client_ == nullptr; }));
       drainTasks();
     } else {
-      ASSERT_TRUE(recorder_.waitFor([&] {
-        return std::count(recorder_.events.begin(), recorder_.events.end(),
-                          QELMAPS_EVENT_AVAILABLE_RESOLUTIONS_DID_CHANGE) > 0;
-      }));
+      ASSERT_TRUE(recorder_.waitForEvent(QELMAPS_EVENT_AVAILABLE_RESOLUTIONS_DID_CHANGE));
       EXPECT_EQ(result, QELMAPS_ERROR_WRONG_THREAD);
       recorder_.onEvent = nullptr;
       ASSERT_EQ(qelmaps_client_destroy(client_), QELMAPS_OK);
@@ -375,25 +334,6 @@ TEST_F(CApiTest, ADispatchedCallbackMayDestroyTheClientButOneOnTheLibraryThreadM
     qelmaps_config_destroy(config_);
     config_ = nullptr;
   }
-}
-
-TEST_F(CApiTest, NoMapDataOnceTheServerStops) {
-  configure(false);
-  ASSERT_EQ(qelmaps_client_create(config_, &client_), QELMAPS_OK);
-  ASSERT_EQ(qelmaps_client_start(client_), QELMAPS_OK);
-  ASSERT_TRUE(recorder_.waitFor([&] {
-    return std::count(recorder_.events.begin(), recorder_.events.end(), QELMAPS_EVENT_IMAGE_DID_CHANGE) > 0;
-  }));
-  simulator_.stop();
-  ASSERT_TRUE(recorder_.waitFor([&] {
-    return std::count(recorder_.events.begin(), recorder_.events.end(), QELMAPS_EVENT_ERROR) > 0;
-  }));
-  int hasMapData = 1;
-  std::size_t count = 9;
-  EXPECT_EQ(qelmaps_client_state(client_, nullptr, &hasMapData), QELMAPS_OK);
-  EXPECT_EQ(hasMapData, 0);
-  EXPECT_EQ(qelmaps_client_resolutions(client_, nullptr, 0, &count), QELMAPS_OK);
-  EXPECT_EQ(count, 0u);
 }
 
 }  // namespace

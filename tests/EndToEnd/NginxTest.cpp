@@ -123,6 +123,13 @@ http {
   }
 
   static RunLoop& loop() { return RunLoop::current(); }
+  void useServerOn(std::uint16_t port) {
+    core::QELConfiguration configuration;
+    configuration.host = "127.0.0.1";
+    configuration.port = port;
+    configuration.caFile = (prefix_ / "ca.pem").string();
+    core::QELConfiguration::set(configuration);
+  }
   static bool accepts(std::uint16_t port) {
     boost::asio::io_context context;
     boost::asio::ip::tcp::socket socket(context);
@@ -156,11 +163,7 @@ TEST_F(NginxTest, MapDataAndPicturesComeFromFilesOverHttp2AndHttp11) {
   int sequence = 0;
   for (const auto port : {http2Port_, http11Port_}) {
     SCOPED_TRACE("port " + std::to_string(port));
-    core::QELConfiguration configuration;
-    configuration.host = "127.0.0.1";
-    configuration.port = port;
-    configuration.caFile = (prefix_ / "ca.pem").string();
-    core::QELConfiguration::set(configuration);
+    useServerOn(port);
     publish(++sequence);
 
     const auto eventChannels = [&] {
@@ -192,11 +195,7 @@ TEST_F(NginxTest, MapDataAndPicturesComeFromFilesOverHttp2AndHttp11) {
 }
 
 TEST_F(NginxTest, ACancelledHttp2DownloadResetsItsStreamAndKeepsTheConnection) {
-  core::QELConfiguration configuration;
-  configuration.host = "127.0.0.1";
-  configuration.port = http2Port_;
-  configuration.caFile = (prefix_ / "ca.pem").string();
-  core::QELConfiguration::set(configuration);
+  useServerOn(http2Port_);
   publish(1);
   fs::create_directories(prefix_ / "www/slow");
   std::ofstream(prefix_ / "www/slow/big.png") << std::string(1 << 20, 'x');  // 32 s at nginx's rate

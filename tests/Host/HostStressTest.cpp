@@ -6,17 +6,11 @@
 
 #include <QELMaps/QELMaps.h>
 
-#include <cabinsim/Server.h>
-
-#include <boost/asio/post.hpp>
+#include "../Support/Simulator.h"
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <future>
 #include <random>
@@ -28,39 +22,15 @@ namespace {
 using namespace std::chrono_literals;
 using Event = QELBroadcastMapsHostEvent;
 
-// The simulator on a thread of its own, with small pictures so that
-// rendering stays cheap under the sanitizers.
-class Simulator {
- public:
-  explicit Simulator(double dropEverySeconds) {
-    cabinsim::ServerOptions options;
-    options.intervalSeconds = 0.05;
-    options.resolutions = {{160, 120}, {80, 60}, {40, 30}};
-    options.faults.dropEventsEverySeconds = dropEverySeconds;
-    server_ = std::make_unique<cabinsim::Server>(ioc_, options);
-    configuration_.host = "127.0.0.1";
-    configuration_.port = server_->start();
-    configuration_.caFile = (directory_ / "ca.pem").string();
-    configuration_.logThreshold = 1;
-    std::filesystem::create_directories(directory_);
-    std::ofstream(*configuration_.caFile) << server_->trustAnchorPem();
-    thread_ = std::thread([this] { ioc_.run(); });
-  }
-  ~Simulator() {
-    boost::asio::post(ioc_, [this] { server_.reset(); });
-    thread_.join();
-    std::filesystem::remove_all(directory_);
-  }
-  const core::QELConfiguration& configuration() const { return configuration_; }
-
- private:
-  std::filesystem::path directory_ =
-      std::filesystem::temp_directory_path() / ("qelmaps-host-" + std::to_string(::getpid()));
-  boost::asio::io_context ioc_;
-  std::unique_ptr<cabinsim::Server> server_;
-  core::QELConfiguration configuration_;
-  std::thread thread_;
-};
+// Small pictures, so that rendering stays cheap under the sanitizers, and
+// an update every 50 ms.
+cabinsim::ServerOptions busy(double dropEverySeconds) {
+  cabinsim::ServerOptions options;
+  options.intervalSeconds = 0.05;
+  options.resolutions = {{160, 120}, {80, 60}, {40, 30}};
+  options.faults.dropEventsEverySeconds = dropEverySeconds;
+  return options;
+}
 
 // The application's main loop, on a thread of its own as a UI toolkit's
 // would be; the executor posts onto it.
@@ -138,7 +108,8 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds time
 }
 
 TEST(HostStressTest, RandomCallsFromTheApplicationWhileTheServerPushesAndDrops) {
-  Simulator simulator(/*dropEverySeconds=*/0.2);
+  testing::Simulator simulator(busy(0.2));
+  simulator.configuration().logThreshold = 1;
   ApplicationThread application;
   Observed observed;
   observed.expectedThread = application.id();
@@ -208,43 +179,6 @@ TEST(HostStressTest, RandomCallsFromTheApplicationWhileTheServerPushesAndDrops) 
   EXPECT_EQ(observed.outOfOrder, 0);
   EXPECT_EQ(observed.inconsistent, 0);
   EXPECT_GT(observed.deliveries, kHosts * 10);
-}
-
-TEST(HostStressTest, WithoutAnExecutorTheHandlerRunsOnTheHostsThreadWithTheStateItAnnounces) {
-  Simulator simulator(/*dropEverySeconds=*/0);
-  std::atomic<int> wrongThread{0};
-  std::promise<QELBroadcastMapsHost::Snapshot> picture;
-  bool pictureSeen = false;  // only the host's thread touches it
-  const auto testThread = std::this_thread::get_id();
-  auto host = QELBroadcastMapsHost::create({{},
-                                            [&](Event event, const QELBroadcastMapsHost::Snapshot& snapshot) {
-                                              if (std::this_thread::get_id() == testThread) ++wrongThread;
-                                              if (event == Event::ImageDidChange && snapshot->image && !pictureSeen) {
-                                                pictureSeen = true;
-                                                picture.set_value(snapshot);
-                                              }
-                                            },
-                                            simulator.configuration()});
-  ASSERT_TRUE(host);
-  EXPECT_FALSE(host->snapshot()->receiving);
-  host->setCurrentResolutionWithCGSize({80, 60});
-  host->start();
-
-  auto future = picture.get_future();
-  ASSERT_EQ(future.wait_for(20s), std::future_status::ready);
-  const auto snapshot = future.get();
-  EXPECT_EQ(snapshot->image->width(), 80u);
-  EXPECT_EQ(snapshot->image->height(), 60u);
-  EXPECT_EQ(snapshot->resolutions, (std::vector<CGSize>{{160, 120}, {80, 60}, {40, 30}})) << "the server's order";
-  EXPECT_EQ(snapshot->currentResolution, (CGSize{80, 60}));
-  EXPECT_TRUE(snapshot->receiving);
-  EXPECT_TRUE(snapshot->hasMapData);
-  EXPECT_GE(host->snapshot()->version, snapshot->version);
-
-  host->stop();
-  ASSERT_TRUE(waitUntil([&] { return !host->snapshot()->receiving; }));
-  host.reset();
-  EXPECT_EQ(wrongThread, 0);
 }
 
 }  // namespace

@@ -4,25 +4,17 @@
 
 #include <QELMaps/QELMaps.h>
 #include <QELMapsQt/QtBroadcastMaps.h>
-#include <cabinsim/Server.h>
 #include <gtest/gtest.h>
 #include <qel/core/QELLogging.h>
-#include <unistd.h>
 
 #include <QApplication>
 #include <QDeadlineTimer>
 #include <QThread>
 #include <QTimer>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <future>
-#include <thread>
 
+#include "../Support/Simulator.h"
 #include "MapView.h"
 #include "ViewerWindow.h"
 
@@ -30,63 +22,14 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The simulator on a thread of its own: the host has its own, and the GUI
-// thread must stay free to receive. Updates only when the test ticks.
-class Simulator {
- public:
-  // Runs `f` on the simulator's thread and returns its result.
-  template <class F>
-  auto call(F f) {
-    std::packaged_task<std::invoke_result_t<F>()> task(std::move(f));
-    auto result = task.get_future();
-    boost::asio::post(ioc_, std::move(task));
-    return result.get();
-  }
-
-  Simulator() {
-    cabinsim::ServerOptions options;
-    options.intervalSeconds = 3600;
-    server_ = std::make_unique<cabinsim::Server>(ioc_, options);
-    const auto port = server_->start();
-    std::filesystem::create_directories(directory_);
-    std::ofstream(directory_ / "ca.pem") << server_->trustAnchorPem();
-    thread_ = std::thread([this] { ioc_.run(); });
-
-    qel::core::QELConfiguration configuration;
-    configuration.host = "127.0.0.1";
-    configuration.port = port;
-    configuration.caFile = (directory_ / "ca.pem").string();
-    qel::core::QELConfiguration::set(configuration);
-  }
-  ~Simulator() {
-    call([this] { server_.reset(); });
-    work_.reset();
-    thread_.join();
-    qel::core::QELConfiguration::set({});
-    std::filesystem::remove_all(directory_);
-  }
-
+// The simulator on a thread of its own (the host has its own, and the GUI
+// thread must stay free to receive), with the core kit pointed at it.
+struct Simulator : qel::testing::Simulator {
+  Simulator() { qel::core::QELConfiguration::set(configuration()); }
   std::shared_ptr<const qel::Image> served(QSize size) {
-    const auto png = call([&] { return server_->currentPng({size.width(), size.height()}); });
+    const auto png = call([&](cabinsim::Server& server) { return server.currentPng({size.width(), size.height()}); });
     return qel::Image::fromData({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()});
   }
-  bool eventChannelUp() {
-    return call([this] { return server_->eventClientCount() == 1; });
-  }
-  void tick() {
-    call([this] { server_->tick(); });
-  }
-  void stop() {
-    call([this] { server_->stop(); });
-  }
-
- private:
-  boost::asio::io_context ioc_;
-  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_{ioc_.get_executor()};
-  std::unique_ptr<cabinsim::Server> server_;
-  std::filesystem::path directory_ =
-      std::filesystem::temp_directory_path() / ("qelmaps-qt-" + std::to_string(::getpid()));
-  std::thread thread_;
 };
 
 // Runs the GUI thread's event loop until `condition` holds.
@@ -107,9 +50,36 @@ bool samePixels(const QImage& image, const qel::Image& picture) {
          std::memcmp(image.constBits(), picture.pixels().data(), picture.pixels().size()) == 0;
 }
 
-TEST(QtBroadcastMapsTest, SignalsOnTheGuiThreadWithTheDecodedPixelsShared) {
+// The mean and the share of far-off channels between the window's map area,
+// scaled back to the picture's size, and the served picture: smoothing blurs
+// edges a little, nothing more.
+void expectShown(qelviewer::ViewerWindow& window, const qel::Image& served) {
+  const QImage shot = window.grab().toImage();
+  const QRect area = window.mapView()->pictureRect().translated(window.mapView()->mapTo(&window, QPoint()));
+  ASSERT_GE(area.width(), 400) << "the map is not scaled to the window";
+  const QImage back = shot.copy(area)
+                          .scaled(int(served.width()), int(served.height()), Qt::IgnoreAspectRatio,
+                                  Qt::SmoothTransformation)
+                          .convertToFormat(QImage::Format_RGBA8888);
+  const auto expected = served.pixels();
+  std::size_t total = 0, far = 0;
+  for (int y = 0; y < back.height(); ++y) {
+    const uchar* row = back.constScanLine(y);
+    for (int x = 0; x < back.width() * 4; ++x) {
+      if (x % 4 == 3) continue;  // both opaque
+      const int d = std::abs(int(row[x]) - int(expected[(std::size_t(y) * served.width()) * 4 + x]));
+      total += d;
+      far += d > 48;
+    }
+  }
+  const double pixels = double(back.width()) * back.height();
+  EXPECT_LT(total / (pixels * 3), 3.0) << "mean difference per channel";
+  EXPECT_LT(far / (pixels * 3), 0.01) << "share of channels off by more than 48";
+}
+
+TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilTheServerStops) {
   Simulator simulator;
-  QImage picture;
+  QImage picture, kept;
   QList<QSize> resolutions;
   std::vector<bool> receiving;
   int offThread = 0;
@@ -131,18 +101,31 @@ TEST(QtBroadcastMapsTest, SignalsOnTheGuiThreadWithTheDecodedPixelsShared) {
     });
 
     maps.setResolution({800, 600});
+    qelviewer::ViewerWindow window(maps);
+    window.show();
     maps.start();
-    ASSERT_TRUE(waitFor([&] { return !picture.isNull(); })) << "no picture";
+    ASSERT_TRUE(waitFor([&] {
+      return !picture.isNull() && window.statusText().startsWith("Receiving") && !window.mapView()->image().isNull();
+    })) << window.statusText().toStdString();
     EXPECT_EQ(resolutions, (QList<QSize>{{1024, 768}, {800, 600}, {400, 300}})) << "the server's order";
     EXPECT_EQ(maps.resolution(), QSize(800, 600));
     EXPECT_TRUE(maps.hasMapData());
     EXPECT_EQ(picture.constBits(), maps.snapshot()->image->pixels().data()) << "the pixels were copied";
+    const auto served = simulator.served({800, 600});
+    ASSERT_TRUE(served);
+    expectShown(window, *served);
 
     // Another size through the slot takes effect with the next update.
     ASSERT_TRUE(waitFor([&] { return simulator.eventChannelUp(); }));
     maps.setResolution({400, 300});
     simulator.tick();
     ASSERT_TRUE(waitFor([&] { return picture.width() == 400; })) << "the new size never came";
+    kept = picture;
+
+    simulator.stop();
+    ASSERT_TRUE(waitFor([&] { return window.statusText().startsWith("No map data"); }))
+        << window.statusText().toStdString();
+    EXPECT_TRUE(window.mapView()->image().isNull()) << "a stale map stays on screen";
     maps.stop();
     ASSERT_TRUE(waitFor([&] { return !maps.isReceiving(); }));
   }
@@ -151,50 +134,7 @@ TEST(QtBroadcastMapsTest, SignalsOnTheGuiThreadWithTheDecodedPixelsShared) {
   // The QImage keeps the decoded picture alive after the adapter is gone.
   const auto served = simulator.served({400, 300});
   ASSERT_TRUE(served);
-  EXPECT_TRUE(samePixels(picture, *served)) << "the picture differs from the served one";
-}
-
-TEST(ViewerWindowTest, ShowsTheServedPictureAndSaysWhenTheServerStops) {
-  Simulator simulator;
-  qel::QtBroadcastMaps maps;
-  maps.setResolution({800, 600});
-  qelviewer::ViewerWindow window(maps);
-  window.show();
-  maps.start();
-  ASSERT_TRUE(waitFor([&] {
-    return window.statusText().startsWith("Receiving") && !window.mapView()->image().isNull();
-  })) << window.statusText().toStdString();
-
-  // The map area of the window, scaled back to the picture's size, is the
-  // served picture: smoothing blurs edges a little, nothing more.
-  const auto served = simulator.served({800, 600});
-  ASSERT_TRUE(served);
-  const QImage shot = window.grab().toImage();
-  const QRect area = window.mapView()->pictureRect().translated(window.mapView()->mapTo(&window, QPoint()));
-  ASSERT_GE(area.width(), 400) << "the map is not scaled to the window";
-  const QImage back = shot.copy(area)
-                          .scaled(int(served->width()), int(served->height()), Qt::IgnoreAspectRatio,
-                                  Qt::SmoothTransformation)
-                          .convertToFormat(QImage::Format_RGBA8888);
-  const auto expected = served->pixels();
-  std::size_t total = 0, far = 0;
-  for (int y = 0; y < back.height(); ++y) {
-    const uchar* row = back.constScanLine(y);
-    for (int x = 0; x < back.width() * 4; ++x) {
-      if (x % 4 == 3) continue;  // both opaque
-      const int d = std::abs(int(row[x]) - int(expected[(std::size_t(y) * served->width()) * 4 + x]));
-      total += d;
-      far += d > 48;
-    }
-  }
-  const double pixels = double(back.width()) * back.height();
-  EXPECT_LT(total / (pixels * 3), 3.0) << "mean difference per channel";
-  EXPECT_LT(far / (pixels * 3), 0.01) << "share of channels off by more than 48";
-
-  simulator.stop();
-  ASSERT_TRUE(waitFor([&] { return window.statusText().startsWith("No map data"); }))
-      << window.statusText().toStdString();
-  EXPECT_TRUE(window.mapView()->image().isNull()) << "a stale map stays on screen";
+  EXPECT_TRUE(samePixels(kept, *served)) << "the picture differs from the served one";
 }
 
 }  // namespace

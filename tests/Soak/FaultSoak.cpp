@@ -12,13 +12,9 @@
 
 #include <QELMaps/QELMaps.h>
 
-#include <cabinsim/Server.h>
+#include "../Support/Simulator.h"
 
 #include <qel/core/QELLogging.h>
-#include <qel/core/QELRequest.h>
-#include <qel/core/QELRequestQueue.h>
-
-#include <boost/json/parse.hpp>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -93,37 +89,6 @@ class Receiver : public qel::Object {
   std::shared_ptr<qel::QELBroadcastMapsV1> maps_;
 };
 
-// Fetches and decodes what the server serves at `path`, for the reference
-// picture.
-class Fetcher : public qel::core::QELRequestDelegate {
- public:
-  std::shared_ptr<const qel::Image> image;
-  bool done = false;
-  void requestDidFinish(const std::shared_ptr<qel::core::QELRequest>&, const qel::Data& data) override {
-    image = qel::Image::fromData(data);
-    done = true;
-  }
-  void requestDidFail(const std::shared_ptr<qel::core::QELRequest>&, const qel::Error&) override { done = true; }
-};
-
-std::shared_ptr<const qel::Image> fetch(const std::string& path) {
-  auto queue = qel::core::QELRequestQueue::create();
-  auto fetcher = std::make_shared<Fetcher>();
-  queue->addRequest(qel::core::QELImageDownloadRequest::initWithImageURL(path, fetcher));
-  qel::RunLoop::current().runUntil([&] { return fetcher->done; }, 30s);
-  return fetcher->image;
-}
-
-std::string sourceFor(const std::string& flightMapJson, const cabinsim::Resolution& r) {
-  const auto body = boost::json::parse(flightMapJson);
-  for (const auto& entry : body.at("images").as_array()) {
-    if (entry.at("width").to_number<int>() == r.width && entry.at("height").to_number<int>() == r.height) {
-      return std::string(entry.at("src").as_string());
-    }
-  }
-  return {};
-}
-
 }  // namespace
 
 // The soak silences stderr (see main); sanitizer reports go to stdout instead.
@@ -153,7 +118,6 @@ int main(int argc, char** argv) {
     ::close(devNull);
   }
   auto& loop = qel::RunLoop::current();
-  const auto directory = std::filesystem::temp_directory_path() / ("qelmaps-soak-" + std::to_string(::getpid()));
   int failures = 0;
   {
     cabinsim::ServerOptions options;
@@ -164,16 +128,10 @@ int main(int argc, char** argv) {
     options.faults.failImagesRate = 0.25;
     options.faults.malformedEventsEvery = 7;
     options.faults.delayImagesMs = 150;
-    cabinsim::Server server(loop.context(), options);
-    const auto port = server.start();
-    std::filesystem::create_directories(directory);
-    std::ofstream(directory / "ca.pem") << server.trustAnchorPem();
-    qel::core::QELConfiguration configuration;
-    configuration.host = "127.0.0.1";
-    configuration.port = port;
-    configuration.caFile = (directory / "ca.pem").string();
-    configuration.logThreshold = verbose ? 4 : 1;
-    qel::core::QELConfiguration::set(configuration);
+    qel::testing::Simulator simulator(options, /*ownThread=*/false);
+    auto& server = simulator.server();
+    simulator.configuration().logThreshold = verbose ? 4 : 1;
+    qel::core::QELConfiguration::set(simulator.configuration());
 
     std::vector<std::shared_ptr<Receiver>> receivers = {
         std::make_shared<Receiver>("first listed", std::nullopt),
@@ -213,11 +171,8 @@ int main(int argc, char** argv) {
     server.tick();
     std::vector<std::shared_ptr<const qel::Image>> expected;
     for (auto& r : receivers) {
-      expected.push_back(fetch(sourceFor(server.flightMapJson(), r->expectedResolution())));
-      if (!expected.back()) {
-        std::printf("FAIL: the reference picture for %s could not be fetched\n", r->name().c_str());
-        return 1;
-      }
+      const auto png = server.currentPng(r->expectedResolution());
+      expected.push_back(qel::Image::fromData({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()}));
     }
     for (std::size_t i = 0; i < receivers.size(); ++i) {
       auto& r = *receivers[i];
@@ -246,7 +201,6 @@ int main(int argc, char** argv) {
     loop.runFor(500ms);
   }
   qel::core::QELConfiguration::set({});
-  std::filesystem::remove_all(directory);
   std::printf("%s\n", failures == 0 ? "soak passed" : "soak FAILED");
   return failures == 0 ? 0 : 1;
 }

@@ -1,64 +1,10 @@
-// What goes over the wire (event frames) and the command line other tools use.
+// The command line other tools and the demo scripts use. (What goes over the
+// wire is shown by the end-to-end tests, which run the client against it.)
 #include "cabinsim/CommandLine.h"
-#include "cabinsim/Events.h"
 
 #include <gtest/gtest.h>
 
-#include <boost/json.hpp>
-
 namespace {
-
-namespace json = boost::json;
-
-const std::string kImages =
-    R"([{"width":1024,"height":768,"src":"/maps/1024x768/3.png"},{"width":400,"height":300,"src":"/maps/400x300/3.png"}])";
-
-// The checks a careful client makes before it believes an update; returns
-// the images array, or null for a frame it must drop.
-json::value acceptedImages(const std::string& frame) {
-  if (frame.size() > cabinsim::kMaxEventFrameBytes) {
-    return nullptr;
-  }
-  boost::system::error_code ec;
-  const json::value event = json::parse(frame, ec);
-  if (ec || !event.is_object()) {
-    return nullptr;
-  }
-  const json::value* userInfo = event.as_object().if_contains("userInfo");
-  if (userInfo == nullptr || !userInfo->is_object()) {
-    return nullptr;
-  }
-  const json::value* images = userInfo->as_object().if_contains("images");
-  if (images == nullptr || !images->is_string()) {
-    return nullptr;
-  }
-  json::value array = json::parse(images->as_string(), ec);
-  if (ec || !array.is_array()) {
-    return nullptr;
-  }
-  return array;
-}
-
-TEST(Events, UpdateCarriesTheImagesAsJsonText) {
-  const std::string frame = cabinsim::makeUpdateEvent(kImages);
-  const json::value event = json::parse(frame);
-  EXPECT_EQ(event.at("name").as_string(), "core.maps.map_update");
-  EXPECT_EQ(event.at("userInfo").at("images").as_string(), kImages);
-  EXPECT_EQ(acceptedImages(frame), json::parse(kImages));
-}
-
-TEST(Events, EveryMalformedKindFailsTheClientChecks) {
-  for (std::size_t i = 0; i < cabinsim::kMalformedKindCount; ++i) {
-    const auto kind = static_cast<cabinsim::MalformedKind>(i);
-    SCOPED_TRACE(cabinsim::toString(kind));
-    const std::string frame = cabinsim::makeMalformedEvent(kind, kImages);
-    EXPECT_FALSE(frame.empty());
-    EXPECT_TRUE(acceptedImages(frame).is_null());
-  }
-  // The over-size frame is otherwise a proper update: only its size gives it away.
-  const std::string big = cabinsim::makeMalformedEvent(cabinsim::MalformedKind::Oversize, kImages);
-  EXPECT_EQ(json::parse(big).at("userInfo").at("images").as_string(), kImages);
-}
 
 std::optional<cabinsim::CommandLine> parse(std::vector<std::string> args) {
   std::string error;
