@@ -47,7 +47,6 @@ class ApplicationThread {
       stopPosted_.get_future().wait();
     });
     loop_ = loop.get();
-    id_ = thread_.get_id();
   }
   ~ApplicationThread() {
     loop_->post([loop = loop_] { loop->stop(); });
@@ -57,13 +56,12 @@ class ApplicationThread {
   QELBroadcastMapsHost::Executor executor() {
     return [loop = loop_](QELBroadcastMapsHost::Task task) { loop->post(std::move(task)); };
   }
-  std::thread::id id() const { return id_; }
+  std::thread::id id() const { return thread_.get_id(); }
 
  private:
   std::promise<void> stopPosted_;
   std::thread thread_;
   RunLoop* loop_ = nullptr;
-  std::thread::id id_;
 };
 
 bool wellFormed(const std::shared_ptr<const Image>& image) {
@@ -118,6 +116,13 @@ TEST(HostStressTest, RandomCallsFromTheApplicationWhileTheServerPushesAndDrops) 
   constexpr int kCalls = 1000;
   const std::vector<CGSize> sizes = {{160, 120}, {80, 60}, {40, 30}, {123, 45}};
   std::mt19937 random(20261122);
+  const std::function<void(QELBroadcastMapsHost&)> calls[] = {
+      [](auto& host) { host.start(); },
+      [](auto& host) { host.stop(); },
+      [&](auto& host) { host.setCurrentResolutionWithCGSize(sizes[random() % sizes.size()]); },
+      [](auto& host) { host.clearCurrentResolution(); },
+      [](auto& host) { EXPECT_TRUE(wellFormed(host.snapshot()->image)); },
+  };
   for (int round = 0; round < kHosts; ++round) {
     observed.destroyed = false;
     observed.lastVersion = 0;
@@ -127,22 +132,7 @@ TEST(HostStressTest, RandomCallsFromTheApplicationWhileTheServerPushesAndDrops) 
 
     const int imagesBefore = observed.images;
     for (int call = 0; call < kCalls; ++call) {
-      switch (random() % 5) {
-        case 0:
-          host->start();
-          break;
-        case 1:
-          host->stop();
-          break;
-        case 2:
-          host->setCurrentResolutionWithCGSize(sizes[random() % sizes.size()]);
-          break;
-        case 3:
-          host->clearCurrentResolution();
-          break;
-        default:
-          EXPECT_TRUE(wellFormed(host->snapshot()->image));
-      }
+      calls[random() % std::size(calls)](*host);
       // Let the network move now and then, so calls meet updates and drops.
       if (call % 40 == 0) std::this_thread::sleep_for(5ms);
     }
@@ -158,9 +148,7 @@ TEST(HostStressTest, RandomCallsFromTheApplicationWhileTheServerPushesAndDrops) 
     // application's loop is held up, so that the deliveries wait there; in
     // odd ones while they are running.
     std::promise<void> release;
-    if (round % 2 == 0) {
-      application.executor()([held = release.get_future().share()] { held.wait(); });
-    }
+    if (round % 2 == 0) application.executor()([held = release.get_future().share()] { held.wait(); });
     for (int call = 0; call < 50; ++call) {
       host->setCurrentResolutionWithCGSize(sizes[call % sizes.size()]);
       host->clearCurrentResolution();

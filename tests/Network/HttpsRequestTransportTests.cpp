@@ -5,8 +5,6 @@
 #include <qel/core/net/HttpsRequestTransport.h>
 #include <qel/core/net/NetworkError.h>
 
-#include <boost/asio/ip/tcp.hpp>
-
 namespace qel::core::net::testing {
 namespace {
 
@@ -152,19 +150,11 @@ TEST_F(HttpsRequestTransportTests, InterimAndCloseDelimitedAnswersReachOnlyTheRe
 }
 
 TEST_F(HttpsRequestTransportTests, ADeadFirstAddressCostsOnlyItsShortWindow) {
-  // An address that never answers: a listener whose queue is full drops SYNs.
-  boost::asio::ip::tcp::acceptor dead(loop().context());
-  dead.open(boost::asio::ip::tcp::v4());
-  dead.bind({boost::asio::ip::make_address("127.0.0.2"), server_.port()});
-  dead.listen(0);
-  boost::asio::ip::tcp::socket filler(loop().context());
-  filler.connect(dead.local_endpoint());
-
+  DeadAddress dead(server_.port());
   // Addresses from the fixed table, then from a name server (another name: no connection is reused).
   TestDnsServer dns(loop().context());
   dns.add("named.test", {"127.0.0.2", "127.0.0.1"});
-  auto configuration = QELConfiguration::effective();
-  configuration.resolve = {"cabin.test:" + std::to_string(server_.port()) + ":127.0.0.2,127.0.0.1"};
+  auto configuration = cabinTest(server_.port(), "127.0.0.2,127.0.0.1");
   configuration.dnsServers = dns.address();
   for (const char* host : {"cabin.test", "named.test"}) {
     SCOPED_TRACE(host);

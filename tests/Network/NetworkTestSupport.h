@@ -8,12 +8,26 @@
 
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <boost/asio/ip/tcp.hpp>
 
 #include <chrono>
 #include <cstdio>
 #include <string>
 
 namespace qel::core::net::testing {
+
+// A dead host at 127.0.0.2 on `port`: a listener whose accept queue is full
+// drops connection requests without a word.
+struct DeadAddress {
+  explicit DeadAddress(std::uint16_t port) {
+    acceptor.open(boost::asio::ip::tcp::v4());
+    acceptor.bind({boost::asio::ip::make_address("127.0.0.2"), port});
+    acceptor.listen(0);
+    filler.connect(acceptor.local_endpoint());
+  }
+  boost::asio::ip::tcp::acceptor acceptor{RunLoop::current().context()};
+  boost::asio::ip::tcp::socket filler{RunLoop::current().context()};
+};
 
 // A trusted CA written to a file, a server it certified for 127.0.0.1 and
 // localhost, and the core kit configured to reach it.
@@ -39,6 +53,15 @@ class NetworkTest : public ::testing::Test {
     configuration.port = port;
     configuration.caFile = caFile_;
     QELConfiguration::set(configuration);
+  }
+  // Host "cabin.test" on `port`, which the fixed table maps to `addresses`
+  // (none: the name server is asked).
+  static QELConfiguration cabinTest(std::uint16_t port, const std::string& addresses = {}) {
+    auto configuration = QELConfiguration::effective();
+    configuration.host = "cabin.test";
+    configuration.port = port;
+    if (!addresses.empty()) configuration.resolve = {"cabin.test:" + std::to_string(port) + ":" + addresses};
+    return configuration;
   }
 
   TestCertificate authority_ = TestCertificate::authority("QEL Test CA");

@@ -11,12 +11,8 @@ namespace qel::core::net::testing {
 namespace asio = boost::asio;
 using udp = asio::ip::udp;
 
-namespace {
-constexpr std::uint16_t kTypeA = 1;
-constexpr std::uint16_t kTypeAAAA = 28;
-}  // namespace
-
 struct TestDnsServer::State : std::enable_shared_from_this<State> {
+  static constexpr std::uint16_t kTypeA = 1, kTypeAAAA = 28;
   explicit State(asio::io_context& ioContext)
       : socket(ioContext, udp::endpoint(asio::ip::make_address("127.0.0.1"), 0)) {}
 
@@ -26,6 +22,11 @@ struct TestDnsServer::State : std::enable_shared_from_this<State> {
       self->answer(std::vector<std::uint8_t>(self->query.begin(), self->query.begin() + size), self->peer);
       self->receive();
     });
+  }
+
+  static std::vector<std::uint8_t> bytesOf(const auto& address) {
+    const auto bytes = address.to_bytes();
+    return {bytes.begin(), bytes.end()};
   }
 
   void answer(std::vector<std::uint8_t> message, udp::endpoint to) {
@@ -50,14 +51,7 @@ struct TestDnsServer::State : std::enable_shared_from_this<State> {
     if (entry != names.end()) {
       for (const auto& address : entry->second.addresses) {
         if (type != (address.is_v4() ? kTypeA : kTypeAAAA)) continue;
-        std::vector<std::uint8_t> data;
-        if (address.is_v4()) {
-          const auto bytes = address.to_v4().to_bytes();
-          data.assign(bytes.begin(), bytes.end());
-        } else {
-          const auto bytes = address.to_v6().to_bytes();
-          data.assign(bytes.begin(), bytes.end());
-        }
+        const auto data = address.is_v4() ? bytesOf(address.to_v4()) : bytesOf(address.to_v6());
         // A pointer to the question's name, type, class IN, TTL 60 s, data.
         const std::uint8_t record[] = {0xc0, 12, 0, static_cast<std::uint8_t>(type),       0, 1, 0, 0,
                                        0,    60, 0, static_cast<std::uint8_t>(data.size())};

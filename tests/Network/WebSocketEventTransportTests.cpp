@@ -6,7 +6,6 @@
 
 #include <qel/core/QELLogging.h>
 
-#include <boost/asio/ip/tcp.hpp>
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -17,7 +16,6 @@ namespace qel::core::net::testing {
 namespace {
 
 using namespace std::chrono_literals;
-namespace asio = boost::asio;
 
 constexpr const char* kMapUpdate = "core.maps.map_update";
 
@@ -41,8 +39,10 @@ class WebSocketEventTransportTests : public NetworkTest {
   static QELEventManager& manager() { return QELEventManager::defaultManager(); }
 
   // Installs the transport and registers the listener, which starts it.
-  WebSocketEventTransport& listen(WebSocketEventTransport::Options options = {}) {
+  WebSocketEventTransport& listen(std::optional<QELConfiguration> configuration = std::nullopt) {
+    WebSocketEventTransport::Options options;
     options.initialBackoff = 20ms;
+    options.configuration = std::move(configuration);
     auto transport = std::make_unique<WebSocketEventTransport>(std::move(options));
     auto& result = *transport;
     manager().setTransport(std::move(transport));
@@ -112,20 +112,13 @@ TEST_F(WebSocketEventTransportTests, UntrustedServerNeverCountsAsConnected) {
 }
 
 TEST_F(WebSocketEventTransportTests, ReachesANamedHostThroughTheFixedTableOrTheNameServer) {
-  TestServer named(loop().context(), authority_.issue("DNS:cabin.test"));
   TestDnsServer dns(loop().context());
   dns.add("cabin.test", {"127.0.0.1"});
-  const std::string port = std::to_string(named.port());
   int connections = 0;
   for (const bool fromTable : {true, false}) {
-    QELConfiguration configuration = QELConfiguration::effective();
-    configuration.host = "cabin.test";
-    configuration.port = named.port();
-    if (fromTable) configuration.resolve = {"cabin.test:" + port + ":127.0.0.1"};
+    auto configuration = cabinTest(server_.port(), fromTable ? "127.0.0.1" : "");
     configuration.dnsServers = dns.address();
-    WebSocketEventTransport::Options options;
-    options.configuration = configuration;
-    listen(options);
+    listen(configuration);
     ASSERT_TRUE(waitFor(QELServiceEventClientConnected, ++connections)) << fromTable;
   }
   // The table answered the first time without asking the name server.
@@ -133,36 +126,16 @@ TEST_F(WebSocketEventTransportTests, ReachesANamedHostThroughTheFixedTableOrTheN
 }
 
 TEST_F(WebSocketEventTransportTests, ADeadFirstAddressCostsOnlyItsHeadStart) {
-  // A listener whose accept queue is full drops new connection requests
-  // without a word, as a dead host does; it shares the live server's port
-  // on another loopback address.
-  TestServer live(loop().context(), authority_.issue("DNS:cabin.test"));
-  asio::ip::tcp::acceptor dead(loop().context(), {asio::ip::make_address("127.0.0.2"), live.port()});
-  dead.listen(0);
-  std::vector<std::unique_ptr<asio::ip::tcp::socket>> fillers;
-  for (int i = 0; i < 3; ++i) {
-    fillers.push_back(std::make_unique<asio::ip::tcp::socket>(loop().context()));
-    fillers.back()->async_connect(dead.local_endpoint(), [](const boost::system::error_code&) {});
-  }
-  loop().runFor(std::chrono::milliseconds(100));
-
-  QELConfiguration configuration = QELConfiguration::effective();
-  configuration.host = "cabin.test";
-  configuration.port = live.port();
-  configuration.resolve = {"cabin.test:" + std::to_string(live.port()) + ":127.0.0.2,127.0.0.1"};
-  WebSocketEventTransport::Options options;
-  options.configuration = configuration;
+  DeadAddress dead(server_.port());
   const auto started = std::chrono::steady_clock::now();
-  auto& transport = listen(options);
+  auto& transport = listen(cabinTest(server_.port(), "127.0.0.2,127.0.0.1"));
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
   EXPECT_EQ(transport.connectionAttempts(), 1);
-  EXPECT_LT(std::chrono::steady_clock::now() - started, options.connectTimeout);
+  EXPECT_LT(std::chrono::steady_clock::now() - started, WebSocketEventTransport::Options().connectTimeout);
 }
 
 TEST_F(WebSocketEventTransportTests, WithoutAHostItDoesNotConnect) {
-  WebSocketEventTransport::Options options;
-  options.configuration = QELConfiguration{};
-  auto& transport = listen(options);
+  auto& transport = listen(QELConfiguration{});
   loop().runPending();
   EXPECT_EQ(transport.connectionAttempts(), 0);
   EXPECT_EQ(server_.acceptCount(), 0);

@@ -22,8 +22,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -38,55 +36,44 @@ using namespace std::chrono_literals;
 const std::vector<cabinsim::Resolution> kResolutions = {{320, 240}, {240, 180}, {160, 120}};
 
 // One service and what its application was told.
-class Receiver : public qel::Object {
- public:
-  Receiver(std::string name, std::optional<qel::CGSize> resolution) : name_(std::move(name)), resolution_(resolution) {
-    maps_ = qel::QELBroadcastMapsV1::create();
-    if (!maps_) return;
-    if (resolution_) maps_->setCurrentResolutionWithCGSize(*resolution_);
+struct Receiver : qel::Object {
+  Receiver(std::string label, std::optional<qel::CGSize> choice)
+      : name(std::move(label)), resolution(choice), maps(qel::QELBroadcastMapsV1::create()) {
+    if (maps && resolution) maps->setCurrentResolutionWithCGSize(*resolution);
   }
 
   void start() {
     qel::NotificationCenter::defaultCenter().addObserver(
-        shared_from_this(), [this](const qel::Notification& n) { onNotification(n); }, {}, maps_);
-    maps_->start();
+        shared_from_this(), [this](const qel::Notification& n) { onNotification(n); }, {}, maps);
+    maps->start();
   }
   void stop() {
     qel::NotificationCenter::defaultCenter().removeObserver(this);
-    maps_->stop();
+    maps->stop();
   }
 
   // The size the server lists for this service's choice; without a choice,
   // the first one listed.
   cabinsim::Resolution expectedResolution() const {
-    if (!resolution_) return kResolutions.front();
-    return {static_cast<int>(resolution_->width), static_cast<int>(resolution_->height)};
+    if (!resolution) return kResolutions.front();
+    return {static_cast<int>(resolution->width), static_cast<int>(resolution->height)};
   }
 
-  const std::string& name() const { return name_; }
-  const std::shared_ptr<qel::QELBroadcastMapsV1>& maps() const { return maps_; }
-  std::string lastNotification;
-  std::uint64_t pictures = 0;
-  std::uint64_t errors = 0;
-  std::uint64_t wrongSizes = 0;
-
- private:
   void onNotification(const qel::Notification& n) {
     lastNotification = n.name();
     if (n.name() == qel::QELBroadcastMapsErrorNotification) ++errors;
-    if (n.name() != qel::QELBroadcastMapsImageDidChangeNotification) return;
-    const auto image = maps_->mapImage();
-    if (!image) return;
+    const auto image = maps->mapImage();
+    if (n.name() != qel::QELBroadcastMapsImageDidChangeNotification || !image) return;
     ++pictures;
     const auto expected = expectedResolution();
-    if (image->width() != std::size_t(expected.width) || image->height() != std::size_t(expected.height)) {
-      ++wrongSizes;
-    }
+    if (image->width() != std::size_t(expected.width) || image->height() != std::size_t(expected.height)) ++wrongSizes;
   }
 
-  std::string name_;
-  std::optional<qel::CGSize> resolution_;
-  std::shared_ptr<qel::QELBroadcastMapsV1> maps_;
+  std::string name;
+  std::optional<qel::CGSize> resolution;
+  std::shared_ptr<qel::QELBroadcastMapsV1> maps;
+  std::string lastNotification;
+  std::uint64_t pictures = 0, errors = 0, wrongSizes = 0;
 };
 
 }  // namespace
@@ -139,7 +126,7 @@ int main(int argc, char** argv) {
         std::make_shared<Receiver>("160x120", qel::CGSize{160, 120}),
     };
     for (auto& r : receivers) {
-      if (!r->maps()) {
+      if (!r->maps) {
         std::printf("FAIL: the service could not be made\n");
         return 1;
       }
@@ -169,28 +156,24 @@ int main(int argc, char** argv) {
     loop.runFor(1s);
     for (auto& r : receivers) r->lastNotification.clear();
     server.tick();
-    std::vector<std::shared_ptr<const qel::Image>> expected;
     for (auto& r : receivers) {
       const auto png = server.currentPng(r->expectedResolution());
-      expected.push_back(qel::Image::fromData({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()}));
-    }
-    for (std::size_t i = 0; i < receivers.size(); ++i) {
-      auto& r = *receivers[i];
+      const auto expected = qel::Image::fromData({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()});
       const bool latest = loop.runUntil(
           [&] {
-            const auto shown = r.maps()->mapImage();
-            return shown && *shown == *expected[i] &&
-                   r.lastNotification == qel::QELBroadcastMapsImageDidChangeNotification;
+            const auto shown = r->maps->mapImage();
+            return shown && *shown == *expected &&
+                   r->lastNotification == qel::QELBroadcastMapsImageDidChangeNotification;
           },
           30s);
-      std::printf("%-14s %s: %llu pictures, %llu no-data reports during %llu updates\n", r.name().c_str(),
+      std::printf("%-14s %s: %llu pictures, %llu no-data reports during %llu updates\n", r->name.c_str(),
                   latest ? "ends with the latest map" : "FAIL: does not end with the latest map",
-                  static_cast<unsigned long long>(r.pictures), static_cast<unsigned long long>(r.errors),
+                  static_cast<unsigned long long>(r->pictures), static_cast<unsigned long long>(r->errors),
                   static_cast<unsigned long long>(soakUpdates));
       if (!latest) ++failures;
-      if (r.wrongSizes > 0) {
-        std::printf("FAIL: %s was shown %llu pictures of another size\n", r.name().c_str(),
-                    static_cast<unsigned long long>(r.wrongSizes));
+      if (r->wrongSizes > 0) {
+        std::printf("FAIL: %s was shown %llu pictures of another size\n", r->name.c_str(),
+                    static_cast<unsigned long long>(r->wrongSizes));
         ++failures;
       }
     }
