@@ -88,9 +88,7 @@ TEST_F(WebSocketEventTransportTests, ServerCloseIsOneDisconnectThenItReconnects)
   server_.closeWebSockets("bye\n1 Forged.cpp all is well\x1b[2J");
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 2));
   QELLogging::setSink(nullptr);
-  ASSERT_EQ(std::count_if(lines.begin(), lines.end(),
-                          [](const std::string& line) { return line.find("bye") != std::string::npos; }),
-            1);
+  EXPECT_THAT(lines, ::testing::Contains(::testing::HasSubstr("bye")).Times(1));
   for (const auto& line : lines) EXPECT_EQ(line.find_first_of("\n\x1b"), std::string::npos) << line;
   EXPECT_THAT(lines, ::testing::Contains(::testing::HasSubstr(R"("bye\n1 Forged.cpp all is well\x1b[2J")")));
 
