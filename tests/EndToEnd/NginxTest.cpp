@@ -59,43 +59,30 @@ class NginxTest : public ::testing::Test {
     fs::create_directories(prefix_ / "www/maps");
     fs::create_directories(prefix_ / "www/skelion/services/maps/v1");
     fs::create_directories(prefix_ / "tmp");
-    const auto server = authority_.issue("IP:127.0.0.1");
-    server.writePem((prefix_ / "server.pem").string());
-    server.writeKeyPem((prefix_ / "server.key").string());
+    const auto certificate = authority_.issue("IP:127.0.0.1");
+    certificate.writePem((prefix_ / "server.pem").string());
+    certificate.writeKeyPem((prefix_ / "server.key").string());
     authority_.writePem((prefix_ / "ca.pem").string());
 
-    std::ofstream(prefix_ / "nginx.conf") << R"(
-error_log )" << (prefix_ / "error.log").string()
-                                          << R"( warn;
-pid nginx.pid;
-events { worker_connections 64; }
-http {
-  default_type application/json;
-  types { image/png png; }
-  log_format test '$server_port $server_protocol $request_uri $status $connection';
-  access_log )" << (prefix_ / "access.log").string()
-                                          << R"( test;
-  client_body_temp_path tmp; proxy_temp_path tmp; fastcgi_temp_path tmp; uwsgi_temp_path tmp; scgi_temp_path tmp;
-  ssl_certificate server.pem;
-  ssl_certificate_key server.key;
-  root )" << (prefix_ / "www").string() << R"(;
-  server {
-    listen 127.0.0.1:)" << http2Port_ << R"( ssl http2;
-    location /slow/ { limit_rate 32k; }
-    location /skelion/events { proxy_pass https://127.0.0.1:)"
-                                          << events_.port() << R"(; include ws.conf; }
-  }
-  server {
-    listen 127.0.0.1:)" << http11Port_ << R"( ssl;
-    location /skelion/events { proxy_pass https://127.0.0.1:)"
-                                          << events_.port() << R"(; include ws.conf; }
-  }
-}
-)";
-    std::ofstream(prefix_ / "ws.conf") << "proxy_http_version 1.1;\n"
-                                          "proxy_set_header Upgrade $http_upgrade;\n"
-                                          "proxy_set_header Connection upgrade;\n"
-                                          "proxy_read_timeout 1h;\n";
+    // Both servers pass the event channel on to the WebSocket server.
+    const auto server = [&](std::uint16_t port, const char* listen, const char* more) {
+      return std::string("server { listen 127.0.0.1:") + std::to_string(port) + listen +
+             "; location /skelion/events { proxy_pass https://127.0.0.1:" + std::to_string(events_.port()) + "; } " +
+             more + "}\n";
+    };
+    std::ofstream(prefix_ / "nginx.conf")
+        << "error_log " << (prefix_ / "error.log").string() << " warn;\npid nginx.pid;\n"
+        << "events { worker_connections 64; }\nhttp {\n"
+        << "default_type application/json; types { image/png png; }\n"
+        << "log_format test '$server_port $server_protocol $request_uri $status $connection';\n"
+        << "access_log " << (prefix_ / "access.log").string() << " test;\n"
+        << "client_body_temp_path tmp; proxy_temp_path tmp; fastcgi_temp_path tmp; uwsgi_temp_path tmp; "
+           "scgi_temp_path tmp;\n"
+        << "ssl_certificate server.pem; ssl_certificate_key server.key; root " << (prefix_ / "www").string() << ";\n"
+        << "proxy_http_version 1.1; proxy_set_header Upgrade $http_upgrade; proxy_set_header Connection upgrade; "
+           "proxy_read_timeout 1h;\n"
+        << server(http2Port_, " ssl http2", "location /slow/ { limit_rate 32k; }")
+        << server(http11Port_, " ssl", "") << "}\n";
     const std::string prefix = prefix_.string() + "/";
     const char* argv[] = {
         QEL_NGINX, "-p", prefix.c_str(), "-c", "nginx.conf", "-e", "error.log", "-g", "daemon off; master_process off;",
