@@ -54,20 +54,12 @@ struct Mode {
   }
 };
 
-inline void configureOnce() {
-  static const bool configured = [] {
-    core::QELConfiguration configuration;
-    configuration.host = "cabin.example";
-    core::QELConfiguration::set(configuration);
-    return true;
-  }();
-  (void)configured;
-}
-
 class MapsFuzzHarness {
  public:
   explicit MapsFuzzHarness(Mode mode) : mode_(mode) {
-    configureOnce();
+    core::QELConfiguration configuration;
+    configuration.host = "cabin.example";
+    core::QELConfiguration::set(configuration);
     // Every level on, so that the descriptions of whatever the input holds
     // are formatted too; the records themselves are not kept.
     core::QELLogging::setThreshold(5);
@@ -116,16 +108,22 @@ class MapsFuzzHarness {
 
   void drain() { RunLoop::current().runPending(); }
 
+  // Answers the open requests of one kind, or only the oldest of them.
+  void finishOpen(core::QELRequest::Kind kind, const Data& data, bool onlyOne = false) {
+    drain();
+    auto& requests = env_.requests();
+    for (auto index : requests.openAttempts()) {
+      if (requests.attempts()[index].kind != kind) continue;
+      requests.finish(index, data);
+      if (onlyOne) break;
+    }
+    drain();
+  }
   // Answers whatever image download the engine has open, so that the
   // decision path through decoding and comparing runs too.
   void answerDownloads() {
     static const auto png = Image::fromRGBA(1, 1, {0, 0, 0, 255})->pngRepresentation();
-    drain();
-    auto& requests = env_.requests();
-    for (auto index : requests.openAttempts()) {
-      if (requests.attempts()[index].kind == core::QELRequest::Kind::ImageDownload) requests.finish(index, Data(png));
-    }
-    drain();
+    finishOpen(core::QELRequest::Kind::ImageDownload, png);
   }
 
  private:
