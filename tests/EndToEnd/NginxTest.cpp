@@ -56,9 +56,7 @@ std::string readAll(const fs::path& path) {
 class NginxTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    fs::create_directories(prefix_ / "www/maps");
-    fs::create_directories(prefix_ / "www/skelion/services/maps/v1");
-    fs::create_directories(prefix_ / "tmp");
+    for (const char* folder : {"www/maps", "www/skelion/services/maps/v1", "tmp"}) fs::create_directories(prefix_ / folder);
     const auto certificate = authority_.issue("IP:127.0.0.1");
     certificate.writePem((prefix_ / "server.pem").string());
     certificate.writeKeyPem((prefix_ / "server.key").string());
