@@ -56,7 +56,7 @@ struct Mode {
 
 class MapsFuzzHarness {
  public:
-  explicit MapsFuzzHarness(Mode mode) : mode_(mode) {
+  explicit MapsFuzzHarness(Mode mode) {
     core::QELConfiguration configuration;
     configuration.host = "cabin.example";
     core::QELConfiguration::set(configuration);
@@ -70,17 +70,7 @@ class MapsFuzzHarness {
     if (mode.started) engine_->start();
     drain();
 
-    switch (mode.prior) {
-      case Prior::Nil:
-        break;
-      case Prior::Empty:
-        env_.requests().finishNext("{}");
-        break;
-      case Prior::Full:
-      case Prior::LostAfterFull:
-        env_.requests().finishNext(kFullBody);
-        break;
-    }
+    if (mode.prior != Prior::Nil) env_.requests().finishNext(mode.prior == Prior::Empty ? "{}" : kFullBody);
     drain();
     if (mode.prior == Prior::LostAfterFull) env_.events().disconnect();
     answerDownloads();
@@ -104,7 +94,6 @@ class MapsFuzzHarness {
   const std::shared_ptr<internal::QELBroadcastMapsController>& controller() const {
     return engine_->broadcastMapsController();
   }
-  const Mode& mode() const { return mode_; }
 
   void drain() { RunLoop::current().runPending(); }
 
@@ -129,7 +118,6 @@ class MapsFuzzHarness {
  private:
   // Declared first: it must outlive the engine and the controller.
   core::testing::ScriptedEnvironment env_;
-  Mode mode_;
   std::shared_ptr<internal::QELBroadcastMaps> engine_;
 };
 

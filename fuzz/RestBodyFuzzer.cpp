@@ -9,10 +9,11 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1) return 0;
   using namespace qel::fuzzing;
-  MapsFuzzHarness harness(Mode::fromByte(data[0]));
+  const Mode mode = Mode::fromByte(data[0]);
+  MapsFuzzHarness harness(mode);
   const qel::Data body(data + 1, data + size);
 
-  if (harness.mode().prior != Prior::Nil) harness.controller()->reloadData();
+  if (mode.prior != Prior::Nil) harness.controller()->reloadData();
   // The map data request is the only REST request; a started engine may have
   // an image download open besides it.
   harness.finishOpen(qel::core::QELRequest::Kind::REST, body, /*onlyOne=*/true);
