@@ -89,8 +89,7 @@ class NginxTest : public ::testing::Test {
     // Ready once both ports accept.
     const bool ready = loop().runUntil(
         [&] {
-          int status = 0;
-          if (waitpid(nginx_, &status, WNOHANG) == nginx_) return (nginx_ = 0), true;
+          if (waitpid(nginx_, nullptr, WNOHANG) == nginx_) return (nginx_ = 0), true;
           loop().runFor(10ms);
           return accepts(http2Port_) && accepts(http11Port_);
         },
@@ -151,10 +150,7 @@ TEST_F(NginxTest, MapDataAndPicturesComeFromFilesOverHttp2AndHttp11) {
     useServerOn(port);
     publish(++sequence);
 
-    const auto eventChannels = [&] {
-      const auto& targets = events_.requestTargets();
-      return std::count(targets.begin(), targets.end(), "/skelion/events");
-    };
+    const auto eventChannels = [&] { return std::ranges::count(events_.requestTargets(), std::string("/skelion/events")); };
     auto maps = QELBroadcastMapsV1::create();
     maps->setCurrentResolutionWithCGSize({800, 600});
     maps->start();
