@@ -54,20 +54,12 @@ struct Mode {
   }
 };
 
-inline void configureOnce() {
-  static const bool configured = [] {
+class MapsFuzzHarness {
+ public:
+  explicit MapsFuzzHarness(Mode mode) {
     core::QELConfiguration configuration;
     configuration.host = "cabin.example";
     core::QELConfiguration::set(configuration);
-    return true;
-  }();
-  (void)configured;
-}
-
-class MapsFuzzHarness {
- public:
-  explicit MapsFuzzHarness(Mode mode) : mode_(mode) {
-    configureOnce();
     // Every level on, so that the descriptions of whatever the input holds
     // are formatted too; the records themselves are not kept.
     core::QELLogging::setThreshold(5);
@@ -78,17 +70,7 @@ class MapsFuzzHarness {
     if (mode.started) engine_->start();
     drain();
 
-    switch (mode.prior) {
-      case Prior::Nil:
-        break;
-      case Prior::Empty:
-        env_.requests().finishNext("{}");
-        break;
-      case Prior::Full:
-      case Prior::LostAfterFull:
-        env_.requests().finishNext(kFullBody);
-        break;
-    }
+    if (mode.prior != Prior::Nil) env_.requests().finishNext(mode.prior == Prior::Empty ? "{}" : kFullBody);
     drain();
     if (mode.prior == Prior::LostAfterFull) env_.events().disconnect();
     answerDownloads();
@@ -112,26 +94,30 @@ class MapsFuzzHarness {
   const std::shared_ptr<internal::QELBroadcastMapsController>& controller() const {
     return engine_->broadcastMapsController();
   }
-  const Mode& mode() const { return mode_; }
 
   void drain() { RunLoop::current().runPending(); }
 
+  // Answers the open requests of one kind, or only the oldest of them.
+  void finishOpen(core::QELRequest::Kind kind, const Data& data, bool onlyOne = false) {
+    drain();
+    auto& requests = env_.requests();
+    for (auto index : requests.openAttempts()) {
+      if (requests.attempts()[index].kind != kind) continue;
+      requests.finish(index, data);
+      if (onlyOne) break;
+    }
+    drain();
+  }
   // Answers whatever image download the engine has open, so that the
   // decision path through decoding and comparing runs too.
   void answerDownloads() {
     static const auto png = Image::fromRGBA(1, 1, {0, 0, 0, 255})->pngRepresentation();
-    drain();
-    auto& requests = env_.requests();
-    for (auto index : requests.openAttempts()) {
-      if (requests.attempts()[index].kind == core::QELRequest::Kind::ImageDownload) requests.finish(index, Data(png));
-    }
-    drain();
+    finishOpen(core::QELRequest::Kind::ImageDownload, png);
   }
 
  private:
   // Declared first: it must outlive the engine and the controller.
   core::testing::ScriptedEnvironment env_;
-  Mode mode_;
   std::shared_ptr<internal::QELBroadcastMaps> engine_;
 };
 

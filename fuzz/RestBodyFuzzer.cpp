@@ -9,22 +9,14 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1) return 0;
   using namespace qel::fuzzing;
-  MapsFuzzHarness harness(Mode::fromByte(data[0]));
+  const Mode mode = Mode::fromByte(data[0]);
+  MapsFuzzHarness harness(mode);
   const qel::Data body(data + 1, data + size);
 
-  if (harness.mode().prior != Prior::Nil) {
-    harness.controller()->reloadData();
-    harness.drain();
-  }
+  if (mode.prior != Prior::Nil) harness.controller()->reloadData();
   // The map data request is the only REST request; a started engine may have
   // an image download open besides it.
-  auto& requests = harness.env().requests();
-  for (auto index : requests.openAttempts()) {
-    if (requests.attempts()[index].kind == qel::core::QELRequest::Kind::REST) {
-      requests.finish(index, body);
-      break;
-    }
-  }
+  harness.finishOpen(qel::core::QELRequest::Kind::REST, body, /*onlyOne=*/true);
   harness.answerDownloads();
   return 0;
 }

@@ -28,12 +28,9 @@ constexpr const char* kResolutions = "BROADCAST_MAPS_AVAILABLE_RESOLUTIONS_DID_C
 constexpr const char* kError = "BROADCAST_MAPS_ERROR";
 
 // What the application sees: notification names in order.
-class Application : public Object {
- public:
+struct Application : Object {
   std::vector<std::string> received;
-  std::size_t count(std::string_view name) const {
-    return static_cast<std::size_t>(std::count(received.begin(), received.end(), name));
-  }
+  std::size_t count(std::string_view name) const { return std::ranges::count(received, name); }
 };
 
 class EndToEndTest : public ::testing::Test {
@@ -79,12 +76,9 @@ class EndToEndTest : public ::testing::Test {
     return service;
   }
 
-  bool waitFor(const std::function<bool()>& condition, std::chrono::seconds timeout = 15s) {
-    return RunLoop::current().runUntil(condition, timeout);
-  }
+  static bool waitFor(const std::function<bool()>& condition) { return RunLoop::current().runUntil(condition, 15s); }
   std::size_t logCount(std::string_view text) const {
-    return static_cast<std::size_t>(
-        std::count_if(logs_.begin(), logs_.end(), [&](const std::string& line) { return line.find(text) != std::string::npos; }));
+    return std::ranges::count_if(logs_, [&](const std::string& line) { return line.find(text) != std::string::npos; });
   }
 
   std::unique_ptr<testing::Simulator> server_;
@@ -104,9 +98,8 @@ TEST_F(EndToEndTest, FirstDataByRestThenByPushAndAChangeOfResolution) {
   EXPECT_EQ(maps->mapImage()->width(), 800u);
   EXPECT_EQ(maps->mapImage()->height(), 600u);
   EXPECT_GE(app_->count(kResolutions), 1u);
-  const auto resolutions = maps->availableResolutions();
-  ASSERT_TRUE(resolutions.has_value());
-  EXPECT_EQ(resolutions->size(), 3u);
+  ASSERT_TRUE(maps->availableResolutions().has_value());
+  EXPECT_EQ(maps->availableResolutions()->size(), 3u);
   const auto first = maps->mapImage();
 
   // Once the event channel is up, each update brings a new picture.

@@ -17,10 +17,9 @@ using internal::QELBroadcastMapsController;
 using json = boost::json::value;
 
 // Counts the controller's "mapInfo" assignments and keeps what was assigned.
-class RecordObserver : public Object, public KeyValueObserver {
- public:
+struct RecordObserver : Object, KeyValueObserver {
   static std::shared_ptr<RecordObserver> attach(QELBroadcastMapsController& controller) {
-    auto observer = std::shared_ptr<RecordObserver>(new RecordObserver);
+    auto observer = std::make_shared<RecordObserver>();
     controller.addObserver(observer, "mapInfo", KeyValueObservingOptions::New, nullptr);
     return observer;
   }
@@ -30,9 +29,6 @@ class RecordObserver : public Object, public KeyValueObserver {
     seen.push_back(std::any_cast<MapInfo>(change.newValue));
   }
   std::vector<MapInfo> seen;
-
- private:
-  RecordObserver() = default;
 };
 
 class ControllerTest : public MapsTest {

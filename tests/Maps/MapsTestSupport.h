@@ -27,8 +27,7 @@ inline constexpr const char* kCabinHost = "cabin.example";
 inline constexpr const char* kFlightMapURL = "https://cabin.example/skelion/services/maps/v1/flight_map";
 
 // Records the notifications a centre delivers, in order.
-class NotificationRecorder : public Object {
- public:
+struct NotificationRecorder : Object {
   struct Entry {
     std::string name;
     const Object* sender;  // not owned: recording must not keep senders alive
@@ -36,7 +35,7 @@ class NotificationRecorder : public Object {
 
   static std::shared_ptr<NotificationRecorder> observe(NotificationCenter& center,
                                                        const std::shared_ptr<Object>& sender = nullptr) {
-    auto recorder = std::shared_ptr<NotificationRecorder>(new NotificationRecorder);
+    auto recorder = std::make_shared<NotificationRecorder>();
     center.addObserver(
         recorder,
         [raw = recorder.get()](const Notification& n) { raw->entries.push_back({n.name(), n.sender().get()}); },
@@ -49,16 +48,10 @@ class NotificationRecorder : public Object {
     for (const auto& entry : entries) result.push_back(entry.name);
     return result;
   }
-  std::size_t count(std::string_view name) const {
-    const auto all = names();
-    return static_cast<std::size_t>(std::count(all.begin(), all.end(), name));
-  }
+  std::size_t count(std::string_view name) const { return std::ranges::count(names(), name); }
   void clear() { entries.clear(); }
 
   std::vector<Entry> entries;
-
- private:
-  NotificationRecorder() = default;
 };
 
 inline void configureHost(const char* host) {
@@ -119,32 +112,27 @@ class MapsTest : public ::testing::Test {
   std::vector<std::size_t> openRest() { return open(core::QELRequest::Kind::REST); }
   std::vector<std::size_t> openImages() { return open(core::QELRequest::Kind::ImageDownload); }
 
+  // Answers the oldest open request of one kind.
+  void answer(core::QELRequest::Kind kind, const Data& body) {
+    auto pending = open(kind);
+    ASSERT_FALSE(pending.empty()) << "no request of that kind is open";
+    requests().finish(pending.front(), body);
+    drain();
+  }
   void answerRest(const boost::json::array& images) {
-    auto pending = openRest();
-    ASSERT_FALSE(pending.empty()) << "no map data request is open";
-    requests().finish(pending.front(), restBody(images));
-    drain();
+    const auto body = restBody(images);
+    answer(core::QELRequest::Kind::REST, Data(body.begin(), body.end()));
   }
-  void answerImage(const std::vector<std::uint8_t>& bytes) {
-    auto pending = openImages();
-    ASSERT_FALSE(pending.empty()) << "no image download is open";
-    requests().finish(pending.front(), Data(bytes));
-    drain();
-  }
+  void answerImage(const Data& bytes) { answer(core::QELRequest::Kind::ImageDownload, bytes); }
 
   std::vector<std::string> messages(int level) const {
     std::vector<std::string> result;
-    for (const auto& record : env_.logs()) {
+    for (const auto& record : env_.logs())
       if (record.level == level) result.push_back(record.message);
-    }
     return result;
   }
   // Lines of exactly this level and text.
-  std::size_t logged(int level, std::string_view message) const {
-    return static_cast<std::size_t>(std::count_if(env_.logs().begin(), env_.logs().end(), [&](const auto& r) {
-      return r.level == level && r.message == message;
-    }));
-  }
+  std::size_t logged(int level, std::string_view message) const { return std::ranges::count(messages(level), message); }
 
   core::testing::ScriptedEnvironment env_;
 };

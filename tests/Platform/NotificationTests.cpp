@@ -1,4 +1,3 @@
-#include "qel/GccWarnings.h"
 #include "qel/KeyValueObserving.h"
 #include "qel/NotificationCenter.h"
 #include "qel/NotificationQueue.h"
@@ -104,17 +103,13 @@ struct Recorder {
   std::shared_ptr<Thing> self = thing();
   Seen seen;
 
-  // GCC 12 bug 105329: a bogus -Wrestrict inside libstdc++ when optimising
-  // "literal" + std::string.
-  QEL_GCC_IGNORE_BEGIN("-Wrestrict")
   explicit Recorder(NotificationCenter& center) {
     center.addObserver(self, [this](const Notification& n) {
       std::string entry = n.name();
-      if (n.userInfo()) entry += "#" + std::string(n.userInfo()->at("tag").as_string());
+      if (n.userInfo()) entry.append("#").append(n.userInfo()->at("tag").as_string());
       seen.push_back(entry);
     });
   }
-  QEL_GCC_IGNORE_END
 };
 
 TEST(PlatformNotificationQueue, PostsWaitForTheCurrentCalloutCoalesceAndDieWithTheirQueue) {
@@ -185,18 +180,14 @@ struct Observer : KeyValueObserver {
   Seen calls;
   std::function<void()> onCall;
 
-  // GCC 12 bug 105329: a bogus -Wrestrict inside libstdc++ when optimising
-  // "literal" + std::string.
-  QEL_GCC_IGNORE_BEGIN("-Wrestrict")
   void observeValueForKeyPath(const std::string& keyPath, const Object*,
                               const KeyValueChange& change, void*) override {
     std::string call = keyPath;
     if (const auto* record = std::any_cast<std::shared_ptr<const int>>(&change.newValue))
-      call += "=" + (*record ? std::to_string(**record) : std::string("null"));
+      call.append("=").append(*record ? std::to_string(**record) : "null");
     calls.push_back(call);
     if (onCall) onCall();
   }
-  QEL_GCC_IGNORE_END
 };
 
 TEST(PlatformKeyValueObserving, EveryAssignmentIsToldBeforeTheSetterReturnsToLiveObserversOnly) {

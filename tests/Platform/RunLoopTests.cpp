@@ -9,7 +9,6 @@
 
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -76,22 +75,6 @@ TEST(PlatformRunLoop, CancelledCallsNeverRunAndLetGoOfWhatTheyHold) {
     });
     loop.advance(1s);
     EXPECT_EQ(ran, 10);
-  });
-}
-
-TEST(PlatformRunLoop, RunWaitsForWorkFromOtherThreadsUntilStopped) {
-  onFreshLoop([](RunLoop& loop) {
-    bool stopped = false;
-    std::thread other([&] {
-      std::this_thread::sleep_for(20ms);  // long enough for run() to be waiting
-      loop.post([&] {
-        stopped = true;
-        loop.stop();
-      });
-    });
-    loop.run();
-    other.join();
-    EXPECT_TRUE(stopped);
   });
 }
 
