@@ -88,7 +88,13 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     const std::string prefix = endpoint_.host + ":" + std::to_string(endpoint_.port) + ":";
     for (const auto& endpoint : endpoints) {
       const auto address = endpoint.address();
-      candidates_.push_back(prefix + (address.is_v6() ? "[" + address.to_string() + "]" : address.to_string()));
+      // Appended piece by piece: GCC 12 warns falsely (bug 105329) about
+      // "literal" + std::string when optimising.
+      std::string candidate = prefix;
+      if (address.is_v6()) candidate += '[';
+      candidate += address.to_string();
+      if (address.is_v6()) candidate += ']';
+      candidates_.push_back(std::move(candidate));
     }
     std::string why;
     if (!launch(&why)) fail(networkError(NetworkErrorCode::Io, why));
