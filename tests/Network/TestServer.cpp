@@ -147,10 +147,10 @@ asio::awaitable<void> acceptConnections(std::shared_ptr<TestServer::State> state
 
 }  // namespace
 
-TestServer::TestServer(asio::io_context& ioContext, const TestCertificate& certificate)
+TestServer::TestServer(asio::io_context& ioContext, const cabinsim::ServerIdentity& identity)
     : state_(std::make_shared<State>(ioContext)) {
-  SSL_CTX_use_certificate(state_->tls.native_handle(), certificate.certificate.get());
-  SSL_CTX_use_PrivateKey(state_->tls.native_handle(), certificate.key.get());
+  state_->tls.use_certificate_chain(asio::buffer(identity.certificateChainPem));
+  state_->tls.use_private_key(asio::buffer(identity.privateKeyPem), asio::ssl::context::pem);
   asio::co_spawn(ioContext, acceptConnections(state_), asio::detached);
 }
 

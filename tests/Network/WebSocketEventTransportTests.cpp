@@ -99,7 +99,7 @@ TEST_F(WebSocketEventTransportTests, ServerCloseIsOneDisconnectThenItReconnects)
 }
 
 TEST_F(WebSocketEventTransportTests, UntrustedServerNeverCountsAsConnected) {
-  TestServer impostor(loop().context(), TestCertificate::authority("Stranger CA").issue("IP:127.0.0.1"));
+  TestServer impostor(loop().context(), cabinsim::CertificateAuthority("Stranger CA").issue({"127.0.0.1"}));
   configure(impostor.port());
   auto& transport = listen();
   // It keeps trying, and never tells anyone it connected.
