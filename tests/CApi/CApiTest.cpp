@@ -21,6 +21,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 extern "C" int qelmaps_test_c_out_of_range(void);
@@ -295,13 +296,8 @@ TEST_F(CApiTest, DispatchedDeliveriesRunOnTheApplicationThreadAndNeverAfterDestr
   ASSERT_TRUE(recorder_.waitFor([&] { return !recorder_.tasks.empty(); }));
   ASSERT_EQ(qelmaps_client_destroy(client_), QELMAPS_OK);
   client_ = nullptr;
-  recorder_.destroyed = true;
-  std::deque<qelmaps_task*> pending;
-  {
-    std::lock_guard lock(recorder_.mutex);
-    pending.swap(recorder_.tasks);
-  }
-  for (auto* task : pending) qelmaps_task_run(task);
+  recorder_.destroyed = true;  // the library thread is gone: nothing else touches the recorder
+  for (auto* task : std::exchange(recorder_.tasks, {})) qelmaps_task_run(task);
   EXPECT_FALSE(recorder_.calledAfterDestroy);
 }
 
