@@ -127,10 +127,9 @@ class CApiTest : public ::testing::Test {
     return true;
   }
 
+  // Only once the client is gone: no thread queues any more.
   void drainTasks() {
-    std::lock_guard lock(recorder_.mutex);
-    for (auto* task : recorder_.tasks) qelmaps_task_discard(task);
-    recorder_.tasks.clear();
+    for (auto* task : std::exchange(recorder_.tasks, {})) qelmaps_task_discard(task);
   }
 
   qel::testing::Simulator simulator_;
