@@ -15,13 +15,13 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
-#include <cstring>
 #include <deque>
 #include <functional>
 #include <mutex>
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 extern "C" int qelmaps_test_c_out_of_range(void);
@@ -127,10 +127,9 @@ class CApiTest : public ::testing::Test {
     return true;
   }
 
+  // Only once the client is gone: no thread queues any more.
   void drainTasks() {
-    std::lock_guard lock(recorder_.mutex);
-    for (auto* task : recorder_.tasks) qelmaps_task_discard(task);
-    recorder_.tasks.clear();
+    for (auto* task : std::exchange(recorder_.tasks, {})) qelmaps_task_discard(task);
   }
 
   qel::testing::Simulator simulator_;
@@ -200,8 +199,6 @@ TEST(CApiArgumentsTest, NamesAndVersions) {
   }
   EXPECT_STREQ(qelmaps_service_version(), "03.19.02.00");
   EXPECT_STRNE(qelmaps_version(), "");
-  EXPECT_EQ(std::memcmp(QELMapsVersionString, "@(#)PROGRAM:QELMaps", 19), 0);
-  EXPECT_EQ(QELMapsVersionNumber, 1.0);
 }
 
 TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThread) {
@@ -298,13 +295,8 @@ TEST_F(CApiTest, DispatchedDeliveriesRunOnTheApplicationThreadAndNeverAfterDestr
   ASSERT_TRUE(recorder_.waitFor([&] { return !recorder_.tasks.empty(); }));
   ASSERT_EQ(qelmaps_client_destroy(client_), QELMAPS_OK);
   client_ = nullptr;
-  recorder_.destroyed = true;
-  std::deque<qelmaps_task*> pending;
-  {
-    std::lock_guard lock(recorder_.mutex);
-    pending.swap(recorder_.tasks);
-  }
-  for (auto* task : pending) qelmaps_task_run(task);
+  recorder_.destroyed = true;  // the library thread is gone: nothing else touches the recorder
+  for (auto* task : std::exchange(recorder_.tasks, {})) qelmaps_task_run(task);
   EXPECT_FALSE(recorder_.calledAfterDestroy);
 }
 

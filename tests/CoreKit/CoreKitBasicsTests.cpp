@@ -115,22 +115,5 @@ TEST_F(QELConfigurationTest, InvalidEnvironmentValuesFallBackToTheDefaultsWithAL
   EXPECT_EQ(QELConfiguration::effective().port, 443);
 }
 
-TEST(QELNotificationsTest, EnqueueOnTheInternalCenterCoalescesSameNameAndSender) {
-  auto& loop = RunLoop::current();
-  NotificationQueue queue(qelInternalCenter(), loop);
-  auto observer = std::make_shared<Described>(), sender = std::make_shared<Described>();
-  std::vector<UserInfo> seen;
-  qelInternalCenter().addObserver(
-      observer, [&](const Notification& n) { seen.push_back(n.userInfo()); }, "A");
-  auto info = std::make_shared<const boost::json::object>(boost::json::object{{"n", 1}});
-  qel_enqueueNotificationName(queue, "A", sender, info, PostingStyle::PostASAP);
-  qel_enqueueNotificationName(queue, "A", sender, nullptr, PostingStyle::PostASAP);
-  qel_enqueueNotificationName(queue, "A", nullptr, nullptr, PostingStyle::PostASAP);
-  NotificationCenter::defaultCenter().postNotificationName("A", nullptr);  // another centre
-  EXPECT_TRUE(seen.empty());
-  loop.runPending();
-  EXPECT_EQ(seen, (std::vector<UserInfo>{info, nullptr}));
-}
-
 }  // namespace
 }  // namespace qel::core

@@ -36,7 +36,6 @@ namespace qel {
 namespace {
 
 using namespace std::chrono_literals;
-using core::net::testing::TestCertificate;
 using core::net::testing::TestServer;
 namespace fs = std::filesystem;
 
@@ -57,10 +56,10 @@ class NginxTest : public ::testing::Test {
  protected:
   void SetUp() override {
     for (const char* folder : {"www/maps", "www/skelion/services/maps/v1", "tmp"}) fs::create_directories(prefix_ / folder);
-    const auto certificate = authority_.issue("IP:127.0.0.1");
-    certificate.writePem((prefix_ / "server.pem").string());
-    certificate.writeKeyPem((prefix_ / "server.key").string());
-    authority_.writePem((prefix_ / "ca.pem").string());
+    const auto identity = authority_.issue({"127.0.0.1"});
+    std::ofstream(prefix_ / "server.pem") << identity.certificateChainPem;
+    std::ofstream(prefix_ / "server.key") << identity.privateKeyPem;
+    std::ofstream(prefix_ / "ca.pem") << identity.trustAnchorPem;
 
     // Both servers pass the event channel on to the WebSocket server.
     const auto server = [&](std::uint16_t port, const char* listen, const char* more) {
@@ -135,8 +134,8 @@ class NginxTest : public ::testing::Test {
   }
 
   fs::path prefix_ = fs::temp_directory_path() / ("qelmaps-nginx-" + std::to_string(::getpid()));
-  TestCertificate authority_ = TestCertificate::authority("QEL Test CA");
-  TestServer events_{loop().context(), authority_.issue("IP:127.0.0.1")};
+  cabinsim::CertificateAuthority authority_{"QEL Test CA"};
+  TestServer events_{loop().context(), authority_.issue({"127.0.0.1"})};
   std::uint16_t http2Port_ = freePort();
   std::uint16_t http11Port_ = freePort();
   cabinsim::MapRenderer renderer_;

@@ -78,9 +78,9 @@ TEST_F(HttpsRequestTransportTests, AnswersOtherThanSuccessWithinTheSizeLimitFail
 }
 
 TEST_F(HttpsRequestTransportTests, OnlyTheCabinHostCertifiedByTheTrustedAuthorityIsReached) {
-  const auto stranger = TestCertificate::authority("Stranger CA");
-  TestServer impostor(loop().context(), stranger.issue("DNS:localhost,IP:127.0.0.1"));
-  TestServer misnamed(loop().context(), authority_.issue("DNS:cabin.example,IP:10.0.0.1"));
+  const cabinsim::CertificateAuthority stranger("Stranger CA");
+  TestServer impostor(loop().context(), stranger.issue({"localhost", "127.0.0.1"}));
+  TestServer misnamed(loop().context(), authority_.issue({"cabin.example", "10.0.0.1"}));
   service(url("127.0.0.1", impostor.port(), "/"));
   service(url("127.0.0.1", misnamed.port(), "/"));
   service(url("localhost", misnamed.port(), "/"));
@@ -99,7 +99,7 @@ TEST_F(HttpsRequestTransportTests, OnlyTheCabinHostCertifiedByTheTrustedAuthorit
   EXPECT_EQ(server_.acceptCount(), 1);  // for the request by name: refused images never connect
 
   // A cabin server restarted with a new throw-away CA writes it to the same file.
-  stranger.writePem(caFile_);
+  std::ofstream(caFile_) << stranger.certificatePem();
   service(url("127.0.0.1", impostor.port(), "/renewed"));
   ASSERT_TRUE(waitForOutcomes(7));
   EXPECT_EQ(delegate_->outcomes.back(), "body of /renewed") << delegate_->descriptions;
@@ -188,7 +188,7 @@ TEST_F(HttpsRequestTransportTests, ConnectionsAreBoundedResumeTlsAndEndWithTheir
 
   // The CA file now names another authority: what was verified under the old
   // one is not used again.
-  TestCertificate::authority("Stranger CA").writePem(caFile_);
+  std::ofstream(caFile_) << cabinsim::CertificateAuthority("Stranger CA").certificatePem();
   image("/maps/2.png");
   ASSERT_TRUE(waitForOutcomes(6));
   EXPECT_EQ(delegate_->outcomes.back(), failed(NetworkErrorCode::Handshake)) << delegate_->descriptions;

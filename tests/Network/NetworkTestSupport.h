@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <string>
 
 namespace qel::core::net::testing {
@@ -34,7 +35,7 @@ struct DeadAddress {
 class NetworkTest : public ::testing::Test {
  protected:
   NetworkTest() {
-    authority_.writePem(caFile_);
+    std::ofstream(caFile_) << authority_.certificatePem();
     configure(server_.port());
   }
   ~NetworkTest() override {
@@ -64,9 +65,9 @@ class NetworkTest : public ::testing::Test {
     return configuration;
   }
 
-  TestCertificate authority_ = TestCertificate::authority("QEL Test CA");
+  cabinsim::CertificateAuthority authority_{"QEL Test CA"};
   std::string caFile_ = ::testing::TempDir() + "qel-test-ca-" + std::to_string(getpid()) + ".pem";
-  TestServer server_{loop().context(), authority_.issue("DNS:localhost,DNS:cabin.test,DNS:named.test,IP:127.0.0.1")};
+  TestServer server_{loop().context(), authority_.issue({"localhost", "cabin.test", "named.test", "127.0.0.1"})};
 };
 
 }  // namespace qel::core::net::testing

@@ -13,6 +13,7 @@
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 
+#include <algorithm>
 #include <deque>
 
 namespace qel::core::net::testing {
@@ -56,7 +57,6 @@ struct TestServer::State {
   asio::ssl::context tls{asio::ssl::context::tls_server};
   tcp::acceptor acceptor;
   int accepts = 0;
-  int open = 0;
   int resumed = 0;
   std::vector<std::string> targets;
   std::vector<std::weak_ptr<Connection>> connections;
@@ -85,17 +85,7 @@ asio::awaitable<void> writeText(Connection& connection, const std::string& text)
   co_await asio::async_write(connection.stream, asio::buffer(text), use_awaitable);
 }
 
-asio::awaitable<void> pause(std::chrono::milliseconds duration) {
-  asio::steady_timer timer(co_await asio::this_coro::executor, duration);
-  co_await timer.async_wait(use_awaitable);
-}
-
 asio::awaitable<void> serve(std::shared_ptr<TestServer::State> state, std::shared_ptr<Connection> connection) {
-  ++state->open;
-  struct Closed {
-    TestServer::State& state;
-    ~Closed() { --state.open; }
-  } closed{*state};
   co_await connection->stream.async_handshake(asio::ssl::stream_base::server, use_awaitable);
   if (SSL_session_reused(connection->stream.native_handle())) ++state->resumed;
   beast::flat_buffer buffer;
@@ -121,7 +111,8 @@ asio::awaitable<void> serve(std::shared_ptr<TestServer::State> state, std::share
                          "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(chunks * 100 + 1) + "\r\n\r\n");
       for (int i = 0; i < chunks; ++i) {
         co_await writeText(*connection, std::string(100, 'x'));
-        co_await pause(std::chrono::milliseconds(250));
+        co_await asio::steady_timer(connection->stream.get_executor(), std::chrono::milliseconds(250))
+            .async_wait(use_awaitable);
       }
       if (target == "/silent") co_await waitFor(state->released);
       co_await writeText(*connection, "x");
@@ -147,10 +138,10 @@ asio::awaitable<void> acceptConnections(std::shared_ptr<TestServer::State> state
 
 }  // namespace
 
-TestServer::TestServer(asio::io_context& ioContext, const TestCertificate& certificate)
+TestServer::TestServer(asio::io_context& ioContext, const cabinsim::ServerIdentity& identity)
     : state_(std::make_shared<State>(ioContext)) {
-  SSL_CTX_use_certificate(state_->tls.native_handle(), certificate.certificate.get());
-  SSL_CTX_use_PrivateKey(state_->tls.native_handle(), certificate.key.get());
+  state_->tls.use_certificate_chain(asio::buffer(identity.certificateChainPem));
+  state_->tls.use_private_key(asio::buffer(identity.privateKeyPem), asio::ssl::context::pem);
   asio::co_spawn(ioContext, acceptConnections(state_), asio::detached);
 }
 
@@ -169,7 +160,10 @@ TestServer::~TestServer() {
 
 std::uint16_t TestServer::port() const { return state_->acceptor.local_endpoint().port(); }
 int TestServer::acceptCount() const { return state_->accepts; }
-int TestServer::openCount() const { return state_->open; }
+// A connection lives as long as the coroutine that serves it.
+int TestServer::openCount() const {
+  return int(std::ranges::count_if(state_->connections, [](const auto& weak) { return !weak.expired(); }));
+}
 int TestServer::resumedCount() const { return state_->resumed; }
 const std::vector<std::string>& TestServer::requestTargets() const { return state_->targets; }
 

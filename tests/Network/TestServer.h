@@ -1,7 +1,7 @@
 #pragma once
 
-#include <openssl/evp.h>
-#include <openssl/x509.h>
+#include "cabinsim/Certificates.h"
+
 #include <boost/asio/io_context.hpp>
 
 #include <cstdint>
@@ -10,22 +10,6 @@
 #include <vector>
 
 namespace qel::core::net::testing {
-
-// Throw-away certificates made in the test: a CA, and server certificates it
-// signs for the names and addresses a test needs.
-//
-//   auto ca = TestCertificate::authority("Test CA");
-//   TestServer server(loop.context(), ca.issue("DNS:localhost,IP:127.0.0.1"));
-struct TestCertificate {
-  static TestCertificate authority(const std::string& commonName);
-  // `alternativeNames` as OpenSSL's configuration files write them.
-  TestCertificate issue(const std::string& alternativeNames) const;
-  void writePem(const std::string& path) const;
-  void writeKeyPem(const std::string& path) const;
-
-  std::shared_ptr<EVP_PKEY> key;
-  std::shared_ptr<X509> certificate;
-};
 
 // A small HTTPS and secure WebSocket server on 127.0.0.1 and a free port, run
 // by the same loop as the code under test.
@@ -40,7 +24,7 @@ struct TestCertificate {
 // into.
 class TestServer {
  public:
-  TestServer(boost::asio::io_context& ioContext, const TestCertificate& certificate);
+  TestServer(boost::asio::io_context& ioContext, const cabinsim::ServerIdentity& identity);
   ~TestServer();
   TestServer(const TestServer&) = delete;
   TestServer& operator=(const TestServer&) = delete;

@@ -21,6 +21,8 @@ namespace cabinsim {
 
 namespace {
 
+constexpr long kValidSeconds = 7 * 24 * 3600;
+
 template <class T, void (*Free)(T*)>
 struct Deleter {
   void operator()(T* p) const { Free(p); }
@@ -120,23 +122,16 @@ std::string toPem(EVP_PKEY* key) {
   return std::string(data, static_cast<std::size_t>(size));
 }
 
-std::string subjectAltNames(const std::vector<std::string>& extraNames) {
+// Each name as an IP address or a DNS name, as it parses; blanks and repeats left out.
+std::string subjectAltNames(const std::vector<std::string>& names) {
   std::set<std::string> seen;
   std::string out;
-  auto add = [&](const std::string& entry) {
-    if (seen.insert(entry).second) {
-      out += (out.empty() ? "" : ",") + entry;
-    }
-  };
-  add("DNS:localhost");
-  add("IP:127.0.0.1");
-  for (const auto& name : extraNames) {
-    if (name.empty()) {
-      continue;
-    }
+  for (const auto& name : names) {
     boost::system::error_code ec;
     boost::asio::ip::make_address(name, ec);
-    add((ec ? "DNS:" : "IP:") + name);
+    if (!name.empty() && seen.insert(name).second) {
+      out += (out.empty() ? "" : ",") + std::string(ec ? "DNS:" : "IP:") + name;
+    }
   }
   return out;
 }
@@ -153,33 +148,42 @@ std::string readFile(const std::string& path) {
 
 }  // namespace
 
-ServerIdentity makeThrowAwayIdentity(const std::vector<std::string>& extraNames) {
-  constexpr long kDay = 24 * 3600;
-
-  KeyPtr caKey = makeKey();
-  CertPtr ca = makeCertificate(caKey.get(), "cabin-sim throw-away CA", 7 * kDay);
+CertificateAuthority::CertificateAuthority(const std::string& commonName) {
+  KeyPtr key = makeKey();
+  CertPtr ca = makeCertificate(key.get(), commonName, kValidSeconds);
   check(X509_set_issuer_name(ca.get(), X509_get_subject_name(ca.get())), "CA issuer");
   addExtension(ca.get(), ca.get(), NID_basic_constraints, "critical,CA:TRUE");
   addExtension(ca.get(), ca.get(), NID_key_usage, "critical,keyCertSign,cRLSign");
   addExtension(ca.get(), ca.get(), NID_subject_key_identifier, "hash");
-  if (X509_sign(ca.get(), caKey.get(), EVP_sha256()) <= 0) {
+  if (X509_sign(ca.get(), key.get(), EVP_sha256()) <= 0) {
     fail("signing the CA");
   }
+  certificatePem_ = toPem(ca.get());
+  key_ = std::shared_ptr<EVP_PKEY>(key.release(), EVP_PKEY_free);
+  certificate_ = std::shared_ptr<X509>(ca.release(), X509_free);
+}
 
+ServerIdentity CertificateAuthority::issue(const std::vector<std::string>& names) const {
   KeyPtr serverKey = makeKey();
-  CertPtr server = makeCertificate(serverKey.get(), "localhost", 7 * kDay);
-  check(X509_set_issuer_name(server.get(), X509_get_subject_name(ca.get())), "server issuer");
-  addExtension(server.get(), ca.get(), NID_basic_constraints, "critical,CA:FALSE");
-  addExtension(server.get(), ca.get(), NID_key_usage, "critical,digitalSignature");
-  addExtension(server.get(), ca.get(), NID_ext_key_usage, "serverAuth");
-  addExtension(server.get(), ca.get(), NID_subject_key_identifier, "hash");
-  addExtension(server.get(), ca.get(), NID_authority_key_identifier, "keyid:always");
-  addExtension(server.get(), ca.get(), NID_subject_alt_name, subjectAltNames(extraNames));
-  if (X509_sign(server.get(), caKey.get(), EVP_sha256()) <= 0) {
+  CertPtr server = makeCertificate(serverKey.get(), "cabin-sim server", kValidSeconds);
+  X509* ca = certificate_.get();
+  check(X509_set_issuer_name(server.get(), X509_get_subject_name(ca)), "server issuer");
+  addExtension(server.get(), ca, NID_basic_constraints, "critical,CA:FALSE");
+  addExtension(server.get(), ca, NID_key_usage, "critical,digitalSignature");
+  addExtension(server.get(), ca, NID_ext_key_usage, "serverAuth");
+  addExtension(server.get(), ca, NID_subject_key_identifier, "hash");
+  addExtension(server.get(), ca, NID_authority_key_identifier, "keyid:always");
+  addExtension(server.get(), ca, NID_subject_alt_name, subjectAltNames(names));
+  if (X509_sign(server.get(), key_.get(), EVP_sha256()) <= 0) {
     fail("signing the server certificate");
   }
+  return {toPem(server.get()), toPem(serverKey.get()), certificatePem_};
+}
 
-  return {toPem(server.get()), toPem(serverKey.get()), toPem(ca.get())};
+ServerIdentity makeThrowAwayIdentity(const std::vector<std::string>& extraNames) {
+  std::vector<std::string> names{"localhost", "127.0.0.1"};
+  names.insert(names.end(), extraNames.begin(), extraNames.end());
+  return CertificateAuthority("cabin-sim throw-away CA").issue(names);
 }
 
 ServerIdentity loadIdentity(const std::string& certificateFile, const std::string& keyFile) {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <openssl/types.h>
+
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,15 +15,38 @@ struct ServerIdentity {
   std::string trustAnchorPem;       // what a client must trust: the throw-away CA, or the loaded chain
 };
 
-// Creates a throw-away certificate authority (EC P-256, self-signed, valid for
-// a few days) and a server certificate signed by it whose subjectAltName
-// holds localhost, 127.0.0.1 and each of `extraNames` (IP or DNS name as they
-// parse). Nothing is written to disk. Throws std::runtime_error on failure.
+// A throw-away certificate authority (EC P-256, self-signed, valid for a
+// week) that issues server certificates for the names a server answers to.
+// Nothing is written to disk. Throws std::runtime_error on failure.
 //
-// Threading: any thread.
+// Threading: any thread; issue() may run on several at once.
 //
-//   auto identity = cabinsim::makeThrowAwayIdentity({"127.0.0.1"});
+//   cabinsim::CertificateAuthority authority("Test CA");
+//   auto identity = authority.issue({"localhost", "127.0.0.1"});
 //   sslContext.use_certificate_chain(boost::asio::buffer(identity.certificateChainPem));
+//   std::ofstream("ca.pem") << authority.certificatePem();
+class CertificateAuthority {
+ public:
+  explicit CertificateAuthority(const std::string& commonName);
+  CertificateAuthority(const CertificateAuthority&) = delete;
+  CertificateAuthority& operator=(const CertificateAuthority&) = delete;
+
+  // A new key and a certificate for it whose subjectAltName holds exactly
+  // `names` (each an IP address or a DNS name, as it parses); the trust anchor
+  // is this authority.
+  ServerIdentity issue(const std::vector<std::string>& names) const;
+  const std::string& certificatePem() const { return certificatePem_; }
+
+ private:
+  std::shared_ptr<EVP_PKEY> key_;
+  std::shared_ptr<X509> certificate_;
+  std::string certificatePem_;
+};
+
+// A server identity from a new authority, for localhost, 127.0.0.1 and each
+// of `extraNames`.
+//
+//   auto identity = cabinsim::makeThrowAwayIdentity({"10.0.0.5"});
 ServerIdentity makeThrowAwayIdentity(const std::vector<std::string>& extraNames);
 
 // Reads a certificate chain and a private key (PEM files). The trust anchor is
