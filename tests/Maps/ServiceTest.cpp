@@ -250,8 +250,7 @@ TEST_F(ServiceTest, DownloadsAndAnnouncesOnlyPicturesThatDiffer) {
   // replaces the download under way.
   std::vector<bool> downloadingWhenAnnounced;
   std::shared_ptr<const Image> imageWhenAnnounced;
-  struct Probe : Object {};
-  auto probe = std::make_shared<Probe>();
+  auto probe = std::make_shared<NotificationRecorder>();  // only its identity is used
   core::qelInternalCenter().addObserver(
       probe, [&](const Notification&) { downloadingWhenAnnounced.push_back(engine->shouldDownloadImages()); }, kStart);
   core::qelInternalCenter().addObserver(
@@ -297,12 +296,10 @@ TEST_F(ServiceTest, DownloadsAndAnnouncesOnlyPicturesThatDiffer) {
 
   // Bytes that are no picture clear it, once.
   push({imageEntry(800, 600, "/maps/4.png")});
-  requests().finish(openImages().front(), "not a picture");
-  drain();
+  answerImage(Data(4, 0));
   EXPECT_EQ(service->mapImage(), nullptr);
   push({imageEntry(800, 600, "/maps/5.png")});
-  requests().finish(openImages().front(), "still not");
-  drain();
+  answerImage(Data(4, 'x'));
   expectPosted({kImage});
 
   auto limited = core::QELConfiguration::effective();
@@ -321,23 +318,20 @@ TEST_F(ServiceTest, FailedDownloadsRetryEveryFiveSecondsOnlyWhileConnected) {
   service->start();
 
   // Not connected: a failure is final until something else asks again.
-  requests().fail(openImages().front());
-  drain();
+  failImage();
   advance(60);
   EXPECT_TRUE(openImages().empty());
   EXPECT_EQ(logged(4, kRetrying), 0u);
 
   connect({imageEntry(800, 600, "/a.png")});
   service->start();
-  requests().fail(openImages().front());
-  drain();
+  failImage();
   EXPECT_EQ(logged(4, kRetrying), 1u);
   advance(4.9);
   EXPECT_TRUE(openImages().empty());
   advance(0.1);
   ASSERT_EQ(openImages().size(), 1u) << "retried after exactly five seconds";
-  requests().fail(openImages().front());
-  drain();
+  failImage();
   EXPECT_EQ(logged(4, kRetrying), 2u);
 
   // A new source while a retry is pending: one download now, none later.
@@ -346,8 +340,7 @@ TEST_F(ServiceTest, FailedDownloadsRetryEveryFiveSecondsOnlyWhileConnected) {
   const auto attempts = requests().attempts().size();
   advance(10);
   EXPECT_EQ(requests().attempts().size(), attempts) << "the pending retry was not dropped";
-  requests().fail(openImages().front());
-  drain();
+  failImage();
 
   // stop() drops the pending retry: it never fires, not even to find the
   // engine stopped.
@@ -450,8 +443,7 @@ TEST_F(ServiceTest, AnEngineStopsAndSaysSoOnlyForAnotherSendersStop) {
   EXPECT_EQ(internal_->entries.size(), 1u);
 
   // ...another sender's makes it stop, and say so once.
-  struct Outsider : Object {};
-  auto outsider = std::make_shared<Outsider>();
+  auto outsider = std::make_shared<NotificationRecorder>();  // any other object
   announcedFrom_ = env_.logs().size();
   internal_->clear();
   core::qelInternalCenter().postNotificationName(kStop, outsider);
