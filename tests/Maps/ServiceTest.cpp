@@ -48,10 +48,6 @@ std::string engineSourceLine(int number) {
 
 class ServiceTest : public MapsTest {
  protected:
-  void SetUp() override {
-    app_ = NotificationRecorder::observe(NotificationCenter::defaultCenter());
-    internal_ = NotificationRecorder::observe(core::qelInternalCenter());
-  }
   void TearDown() override {
     drain();
     EXPECT_EQ(QELBroadcastMapsController::ownersCount(), 0) << "an engine outlived its test";
@@ -110,8 +106,8 @@ class ServiceTest : public MapsTest {
     announcedFrom_ = env_.logs().size();
   }
 
-  std::shared_ptr<NotificationRecorder> app_;
-  std::shared_ptr<NotificationRecorder> internal_;
+  std::shared_ptr<NotificationRecorder> app_ = NotificationRecorder::observe(NotificationCenter::defaultCenter());
+  std::shared_ptr<NotificationRecorder> internal_ = NotificationRecorder::observe(core::qelInternalCenter());
   std::size_t announcedFrom_ = 0;
 };
 
@@ -248,17 +244,16 @@ TEST_F(ServiceTest, DownloadsAndAnnouncesOnlyPicturesThatDiffer) {
 
   // Each start announces itself before it switches downloading on, and
   // replaces the download under way.
-  std::vector<bool> downloadingWhenAnnounced;
+  std::vector<bool> downloadingAtStart;
   std::shared_ptr<const Image> imageWhenAnnounced;
-  auto probe = std::make_shared<NotificationRecorder>();  // only its identity is used
   core::qelInternalCenter().addObserver(
-      probe, [&](const Notification&) { downloadingWhenAnnounced.push_back(engine->shouldDownloadImages()); }, kStart);
+      internal_, [&](const Notification&) { downloadingAtStart.push_back(engine->shouldDownloadImages()); }, kStart);
   core::qelInternalCenter().addObserver(
-      probe, [&](const Notification&) { imageWhenAnnounced = engine->mapImage(); }, kImage);
+      internal_, [&](const Notification&) { imageWhenAnnounced = engine->mapImage(); }, kImage);
   service->start();
   const auto first = openImages().front();
   service->start();
-  EXPECT_EQ(downloadingWhenAnnounced, (std::vector<bool>{false, true}));
+  EXPECT_EQ(downloadingAtStart, (std::vector<bool>{false, true}));
   ASSERT_EQ(openImages().size(), 1u);
   EXPECT_TRUE(requests().attempts()[first].cancelled);
   EXPECT_EQ(lastImageURL(), "/maps/1.png");
