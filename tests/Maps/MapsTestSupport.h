@@ -18,7 +18,9 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace qel::testing {
@@ -112,18 +114,21 @@ class MapsTest : public ::testing::Test {
   std::vector<std::size_t> openRest() { return open(core::QELRequest::Kind::REST); }
   std::vector<std::size_t> openImages() { return open(core::QELRequest::Kind::ImageDownload); }
 
-  // Answers the oldest open request of one kind.
-  void answer(core::QELRequest::Kind kind, const Data& body) {
+  // Answers the oldest open request of one kind with `body` (text or bytes),
+  // or fails it when `body` is std::nullopt.
+  template <class Body>
+  void answer(core::QELRequest::Kind kind, const Body& body) {
     auto pending = open(kind);
     ASSERT_FALSE(pending.empty()) << "no request of that kind is open";
-    requests().finish(pending.front(), body);
+    if constexpr (std::is_same_v<Body, std::nullopt_t>)
+      requests().fail(pending.front());
+    else
+      requests().finish(pending.front(), body);
     drain();
   }
-  void answerRest(const boost::json::array& images) {
-    const auto body = restBody(images);
-    answer(core::QELRequest::Kind::REST, Data(body.begin(), body.end()));
-  }
+  void answerRest(const boost::json::array& images) { answer(core::QELRequest::Kind::REST, restBody(images)); }
   void answerImage(const Data& bytes) { answer(core::QELRequest::Kind::ImageDownload, bytes); }
+  void failImage() { answer(core::QELRequest::Kind::ImageDownload, std::nullopt); }
 
   std::vector<std::string> messages(int level) const {
     std::vector<std::string> result;
