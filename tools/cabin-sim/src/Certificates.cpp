@@ -130,7 +130,11 @@ std::string subjectAltNames(const std::vector<std::string>& names) {
     boost::system::error_code ec;
     boost::asio::ip::make_address(name, ec);
     if (!name.empty() && seen.insert(name).second) {
-      out += (out.empty() ? "" : ",") + std::string(ec ? "DNS:" : "IP:") + name;
+      // Appended piece by piece: GCC 12 warns falsely (bug 105329) about
+      // "literal" + std::string when optimising.
+      if (!out.empty()) out += ',';
+      out += ec ? "DNS:" : "IP:";
+      out += name;
     }
   }
   return out;
