@@ -118,18 +118,24 @@ def _size(size: _Size) -> Tuple[float, float]:
 class Client:
     """The broadcast map. Methods may be called from any thread.
 
-    Callbacks registered with ``on()`` run on the thread ``qelmaps-callbacks``
-    with ``(client, event)``; read the client there (``resolutions()``,
-    ``picture()``). After ``close()`` returns no callback runs any more.
-    Settings left out fall back to the QEL_* environment variables.
+    Callbacks run on the thread ``qelmaps-callbacks`` with ``(client,
+    event)``; read the client there (``resolutions()``, ``picture()``). The
+    map data is loaded as soon as the client exists, so its first events may
+    come before an ``on()`` call that follows the constructor: pass
+    ``handlers`` ({event: callback}) to hear them.
+    After ``close()`` returns no callback runs any more. Settings left out
+    fall back to the QEL_* environment variables.
     """
 
     def __init__(self, host: Optional[str] = None, port: Optional[int] = None, ca_file: Optional[str] = None,
                  event_path: Optional[str] = None, log_level: Optional[int] = None,
-                 log: Optional[Callable[[int, str, str], None]] = None):
+                 log: Optional[Callable[[int, str, str], None]] = None,
+                 handlers: Optional[Dict[str, Callable]] = None):
         self._handlers: Dict[str, List[Callable]] = {}
         self._tasks: "queue.SimpleQueue" = queue.SimpleQueue()
         self._lock = threading.Lock()
+        for event, handler in (handlers or {}).items():
+            self.on(event, handler)
         self._handle = ctypes.c_void_p()
         # ctypes trampolines must outlive every call the library may make.
         self._on_event = _CALLBACK(self._deliver)

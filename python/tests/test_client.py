@@ -72,14 +72,15 @@ def test_receives_the_chosen_picture_and_the_resolutions_until_the_server_stops(
 
 def test_closing_the_client_in_a_callback_stops_every_callback(simulator):
     _, settings = simulator
-    client = qelmaps.Client(**settings)
     closed, after = queue.Queue(), []
 
     def close_on_resolutions(c, event):
         c.close()
         closed.put(True)
 
-    client.on(qelmaps.AVAILABLE_RESOLUTIONS_DID_CHANGE, close_on_resolutions)
+    # The first resolutions come from the load that creating the client
+    # starts: only a handler given to the constructor is sure to hear them.
+    client = qelmaps.Client(**settings, handlers={qelmaps.AVAILABLE_RESOLUTIONS_DID_CHANGE: close_on_resolutions})
     client.on(qelmaps.IMAGE_DID_CHANGE, lambda c, event: after.append(event))
     client.start()
     assert closed.get(timeout=TIMEOUT)
