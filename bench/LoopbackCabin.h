@@ -7,7 +7,7 @@
 
 #include <QELMaps/QELMaps.h>
 
-#include <cabinsim/Server.h>
+#include <cabinsim/LocalServer.h>
 
 #include <qel/core/QELRequest.h>
 #include <qel/core/QELRequestQueue.h>
@@ -20,8 +20,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -47,43 +45,32 @@ inline void silenceStderr() {
 
 // The simulator with no periodic updates (the benchmark ticks it), and the
 // core kit pointed at it, logging up to `logThreshold`. The server runs on
-// the current run loop, or on `serverContext` when given: then the caller
-// runs that context on a thread of its own and calls the server only there
-// (after start, which happens here). `host` is the address the server binds
+// the current run loop, or with `ownThread` on a thread of its own, where
+// only call() and post() reach it. `host` is the address the server binds
 // and its certificate names.
-class LoopbackCabin {
+class LoopbackCabin : public cabinsim::LocalServer {
  public:
-  LoopbackCabin(std::vector<cabinsim::Resolution> resolutions, int logThreshold,
-                boost::asio::io_context* serverContext = nullptr, const std::string& host = "127.0.0.1") {
-    cabinsim::ServerOptions options;
-    options.host = host;
-    options.intervalSeconds = 3600;
-    options.resolutions = std::move(resolutions);
-    server_ = std::make_unique<cabinsim::Server>(
-        serverContext ? *serverContext : qel::RunLoop::current().context(), options);
-    const auto port = server_->start();
-    std::filesystem::create_directories(directory_);
-    std::ofstream(directory_ / "ca.pem") << server_->trustAnchorPem();
-
+  LoopbackCabin(std::vector<cabinsim::Resolution> resolutions, int logThreshold, bool ownThread = false,
+                const std::string& host = "127.0.0.1")
+      : LocalServer(options(std::move(resolutions), host), ownThread ? nullptr : &qel::RunLoop::current().context()),
+        ownThread_(ownThread) {
     qel::core::QELConfiguration configuration;
     configuration.host = host;
-    configuration.port = port;
-    configuration.caFile = (directory_ / "ca.pem").string();
+    configuration.port = port();
+    configuration.caFile = caFile();
     configuration.logThreshold = logThreshold;
     qel::core::QELConfiguration::set(configuration);
   }
-  // A server on a context of its own must have been stopped on its thread.
   ~LoopbackCabin() {
-    server_->stop();
+    if (ownThread_) return;
+    // Lets the client see its connections close before the server goes.
+    server().stop();
     qel::RunLoop::current().runFor(100ms);
-    std::filesystem::remove_all(directory_);
   }
 
-  cabinsim::Server& server() { return *server_; }
-
-  // The image source the server lists now for `resolution`.
-  std::string currentSource(const std::string& resolution) const {
-    return sourceIn(server_->flightMapJson(), resolution).value_or("");
+  // The image source the server lists now for `resolution`; where it runs.
+  std::string currentSource(const std::string& resolution) {
+    return sourceIn(server().flightMapJson(), resolution).value_or("");
   }
 
   // The "src" of the entry of `resolution` ("1024x768") in a map data body.
@@ -108,9 +95,15 @@ class LoopbackCabin {
   }
 
  private:
-  std::filesystem::path directory_ =
-      std::filesystem::temp_directory_path() / ("qelmaps-bench-" + std::to_string(::getpid()));
-  std::unique_ptr<cabinsim::Server> server_;
+  static cabinsim::ServerOptions options(std::vector<cabinsim::Resolution> resolutions, const std::string& host) {
+    cabinsim::ServerOptions options;
+    options.host = host;
+    options.intervalSeconds = 3600;
+    options.resolutions = std::move(resolutions);
+    return options;
+  }
+
+  bool ownThread_;
 };
 
 // One GET at a time through a request queue of its own on the shared

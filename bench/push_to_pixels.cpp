@@ -18,19 +18,14 @@
 
 #include "LoopbackCabin.h"
 
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/post.hpp>
 
 #include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <future>
 #include <map>
 #include <random>
-#include <thread>
-#include <type_traits>
 
 using namespace qelbench;
 
@@ -133,55 +128,36 @@ class ServerThread {
   };
 
   ServerThread(const Options& options, int logThreshold)
-      : resolution_(options.resolution),
-        work_(boost::asio::make_work_guard(context_)),
-        cabin_(startCabin(options, logThreshold)),
-        thread_([this] { context_.run(); }) {}
-  ~ServerThread() {
-    onServer([this] { cabin_->server().stop(); });
-    work_.reset();
-    thread_.join();
-  }
+      : resolution_(options.resolution), cabin_(startCabin(options, logThreshold)) {}
 
   // Renders and sends the next update there; `sent` runs on the client's
   // loop with the moment the event frame was handed to the socket. It is
   // posted before the server can answer any request for the new data.
   void tick(std::function<void(const Sent&)> sent) {
     auto& loop = qel::RunLoop::current();
-    boost::asio::post(context_, [this, &loop, sent = std::move(sent)] {
-      cabin_->server().tick();
-      Sent s{cabin_->server().sequence(), Clock::now(), cabin_->currentSource(resolution_)};
+    cabin_->post([this, &loop, sent = std::move(sent)](cabinsim::Server& server) {
+      server.tick();
+      Sent s{server.sequence(), Clock::now(), cabin_->currentSource(resolution_)};
       loop.post([sent, s] { sent(s); });
     });
   }
 
   std::size_t eventClientCount() {
-    return onServer([this] { return cabin_->server().eventClientCount(); });
+    return cabin_->call([](cabinsim::Server& server) { return server.eventClientCount(); });
   }
 
  private:
-  template <class F>
-  std::invoke_result_t<F> onServer(F f) {
-    std::packaged_task<std::invoke_result_t<F>()> task(std::move(f));
-    auto result = task.get_future();
-    boost::asio::post(context_, [&task] { task(); });
-    return result.get();
-  }
-
   // The simulator's three sizes, and the measured one if it is another.
-  std::unique_ptr<LoopbackCabin> startCabin(const Options& options, int logThreshold) {
+  static std::unique_ptr<LoopbackCabin> startCabin(const Options& options, int logThreshold) {
     std::vector<cabinsim::Resolution> sizes{{1024, 768}, {800, 600}, {400, 300}};
     const auto measured = resolutionOf(options.resolution);
     if (std::find(sizes.begin(), sizes.end(), measured) == sizes.end()) sizes.push_back(measured);
     NetnsScope inServerNamespace(options.serverNetns);
-    return std::make_unique<LoopbackCabin>(sizes, logThreshold, &context_, options.serverAddress);
+    return std::make_unique<LoopbackCabin>(sizes, logThreshold, /*ownThread=*/true, options.serverAddress);
   }
 
   std::string resolution_;
-  boost::asio::io_context context_;
-  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
   std::unique_ptr<LoopbackCabin> cabin_;
-  std::thread thread_;
 };
 
 // Polling, with the service gone: updates come at random moments, one to two
