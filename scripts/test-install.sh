@@ -22,7 +22,7 @@ work=$(cd "$work" && pwd)
 sim=$build/tools/cabin-sim/cabin-sim
 run() {
   echo "-- $1"
-  tests/consumer/run-against-sim.sh "$sim" "$2" --seconds 30
+  scripts/run-against-sim.sh "$sim" "$2" --seconds 30
 }
 
 prefix=$work/prefix

@@ -23,28 +23,5 @@ fi
 
 out=${QEL_VIEWER_OUT:-out/viewer}
 mkdir -p "$out"
-build/release/tools/cabin-sim/cabin-sim --ca-out "$out/cabin-ca.pem" --interval "${QEL_VIEWER_INTERVAL:-2}" \
-  >"$out/cabin-sim.out" 2>"$out/cabin-sim.log" &
-sim=$!
-trap 'kill "$sim" 2>/dev/null || true; wait "$sim" 2>/dev/null || true' EXIT
-
-line=""
-for _ in $(seq 1 200); do
-  line=$(head -n 1 "$out/cabin-sim.out" 2>/dev/null || true)
-  [[ $line == listening* ]] && break
-  if ! kill -0 "$sim" 2>/dev/null; then
-    echo "viewer: the simulator did not start:" >&2
-    cat "$out/cabin-sim.log" >&2
-    exit 1
-  fi
-  sleep 0.1
-done
-if [[ $line != listening* ]]; then
-  echo "viewer: the simulator did not report its port" >&2
-  exit 1
-fi
-address=${line#listening https://}
-echo "cabin-sim listening on $address"
-
-build/release/tools/qelmaps-viewer/qelmaps-viewer --host "${address%:*}" --port "${address##*:}" \
-  --ca-file "$out/cabin-ca.pem" "$@"
+scripts/run-against-sim.sh --out "$out" --interval "${QEL_VIEWER_INTERVAL:-2}" build/release/tools/cabin-sim/cabin-sim \
+  build/release/tools/qelmaps-viewer/qelmaps-viewer "$@"
