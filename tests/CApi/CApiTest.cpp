@@ -38,8 +38,6 @@ struct Recorder {
   std::vector<std::thread::id> threads;
   std::atomic<int> logLines{0};
   std::deque<qelmaps_task*> tasks;  // handed over by the dispatch hook
-  bool destroyed = false;
-  bool calledAfterDestroy = false;
   std::function<void(qelmaps_client*, qelmaps_event)> onEvent;
 
   template <class Predicate>
@@ -50,13 +48,20 @@ struct Recorder {
   bool waitForEvent(qelmaps_event event) {
     return waitFor([&] { return std::count(events.begin(), events.end(), event) > 0; });
   }
+  // The oldest delivery the dispatch hook queued, once there is one.
+  qelmaps_task* nextTask() {
+    std::unique_lock lock(mutex);
+    if (!changed.wait_for(lock, 20s, [&] { return !tasks.empty(); })) return nullptr;
+    auto* task = tasks.front();
+    tasks.pop_front();
+    return task;
+  }
 };
 
 void recordEvent(qelmaps_client* client, qelmaps_event event, void* userData) {
   auto* recorder = static_cast<Recorder*>(userData);
   {
     std::lock_guard lock(recorder->mutex);
-    if (recorder->destroyed) recorder->calledAfterDestroy = true;
     recorder->events.push_back(event);
     recorder->threads.push_back(std::this_thread::get_id());
   }
@@ -66,10 +71,8 @@ void recordEvent(qelmaps_client* client, qelmaps_event event, void* userData) {
 
 void queueTask(qelmaps_task* task, void* userData) {
   auto* recorder = static_cast<Recorder*>(userData);
-  {
-    std::lock_guard lock(recorder->mutex);
-    recorder->tasks.push_back(task);
-  }
+  std::lock_guard lock(recorder->mutex);
+  recorder->tasks.push_back(task);
   recorder->changed.notify_all();
 }
 
@@ -77,17 +80,8 @@ void countLog(int, const char*, const char*, void* userData) { ++static_cast<Rec
 
 class CApiTest : public ::testing::Test {
  protected:
-  void TearDown() override {
-    if (client_) {
-      EXPECT_EQ(qelmaps_client_destroy(client_), QELMAPS_OK);
-    }
-    qelmaps_config_destroy(config_);
-    // Only once the client is gone: no thread queues any more.
-    for (auto* task : std::exchange(recorder_.tasks, {})) qelmaps_task_discard(task);
-  }
-
   // A configuration pointing at the simulator, every event recorded.
-  void configure(bool dispatch) {
+  void SetUp() override {
     config_ = qelmaps_config_create();
     ASSERT_NE(config_, nullptr);
     ASSERT_EQ(qelmaps_config_set_host(config_, "127.0.0.1"), QELMAPS_OK);
@@ -98,26 +92,15 @@ class CApiTest : public ::testing::Test {
     for (int event = 0; event <= QELMAPS_EVENT_STATE_DID_CHANGE; ++event) {
       ASSERT_EQ(qelmaps_config_set_callback(config_, qelmaps_event(event), recordEvent, &recorder_), QELMAPS_OK);
     }
-    if (dispatch) {
-      ASSERT_EQ(qelmaps_config_set_dispatch(config_, queueTask, &recorder_), QELMAPS_OK);
-    }
   }
 
-  // Runs queued deliveries on this thread until `predicate` holds.
-  template <class Predicate>
-  bool runTasksUntil(Predicate predicate) {
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (!predicate()) {
-      qelmaps_task* task = nullptr;
-      {
-        std::unique_lock lock(recorder_.mutex);
-        if (!recorder_.changed.wait_until(lock, deadline, [&] { return !recorder_.tasks.empty(); })) return false;
-        task = recorder_.tasks.front();
-        recorder_.tasks.pop_front();
-      }
-      qelmaps_task_run(task);
+  void TearDown() override {
+    if (client_) {
+      EXPECT_EQ(qelmaps_client_destroy(client_), QELMAPS_OK);
     }
-    return true;
+    qelmaps_config_destroy(config_);
+    // Only once the client is gone: no thread queues any more.
+    for (auto* task : std::exchange(recorder_.tasks, {})) qelmaps_task_discard(task);
   }
 
   qel::testing::Simulator simulator_;
@@ -181,7 +164,6 @@ TEST(CApiArgumentsTest, NamesAndVersions) {
 }
 
 TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThreadWhichMayNotDestroyTheClient) {
-  configure(false);
   // The host would wait for its own thread.
   std::atomic<qelmaps_error> destroyInCallback{QELMAPS_OK};
   recorder_.onEvent = [&](qelmaps_client* client, qelmaps_event) {
@@ -256,7 +238,7 @@ TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThreadWhichMa
 }
 
 TEST_F(CApiTest, DispatchedDeliveriesRunOnTheApplicationThreadWhichMayDestroyTheClient) {
-  configure(true);
+  ASSERT_EQ(qelmaps_config_set_dispatch(config_, queueTask, &recorder_), QELMAPS_OK);
   // Inside a callback the client reads what was announced. Destroyed there
   // with deliveries still queued, running those later calls nothing.
   recorder_.onEvent = [&](qelmaps_client* client, qelmaps_event event) {
@@ -268,14 +250,19 @@ TEST_F(CApiTest, DispatchedDeliveriesRunOnTheApplicationThreadWhichMayDestroyThe
     ASSERT_TRUE(recorder_.waitFor([&] { return !recorder_.tasks.empty(); }));
     ASSERT_EQ(qelmaps_client_destroy(client), QELMAPS_OK);
     client_ = nullptr;
-    recorder_.destroyed = true;  // the library thread is gone: nothing else touches the recorder
   };
   ASSERT_EQ(qelmaps_client_create(config_, &client_), QELMAPS_OK);
   ASSERT_EQ(qelmaps_client_start(client_), QELMAPS_OK);
-  ASSERT_TRUE(runTasksUntil([&] { return client_ == nullptr; }));
+  while (client_) {
+    qelmaps_task* task = recorder_.nextTask();
+    ASSERT_NE(task, nullptr);
+    qelmaps_task_run(task);
+  }
+  // The library thread is gone: nothing else touches the recorder.
   for (auto id : recorder_.threads) EXPECT_EQ(id, std::this_thread::get_id());
+  const auto delivered = recorder_.events.size();
   for (auto* task : std::exchange(recorder_.tasks, {})) qelmaps_task_run(task);
-  EXPECT_FALSE(recorder_.calledAfterDestroy);
+  EXPECT_EQ(recorder_.events.size(), delivered);
 }
 
 }  // namespace
