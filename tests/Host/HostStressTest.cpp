@@ -95,8 +95,8 @@ TEST(HostStressTest, RandomCallsFromTheApplicationWhileTheServerPushesAndDrops) 
   options.faults.dropEventsEverySeconds = 0.2;
   testing::Simulator simulator(options);
   simulator.configuration().logThreshold = 1;
+  Observed observed;  // outlives the application's loop, whatever is still queued there
   ApplicationThread application;
-  Observed observed;
   observed.expectedThread = application.id();
 
   constexpr int kHosts = 5;
