@@ -1,6 +1,6 @@
 // Bytes as a downloaded map image, through Image::fromData, and the decoded
-// picture through what the engine does with it: compare it with itself and
-// with a second decode.
+// picture through what the engine does with it: compare it with a second
+// decode.
 
 #include <qel/Image.h>
 
@@ -26,7 +26,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check(image->width() > 0 && image->height() > 0, "a decoded picture has a size");
   check(image->width() * image->height() <= qel::Image::kMaxPixels, "within the pixel budget");
   check(image->pixels().size() == image->width() * image->height() * 4, "RGBA pixels");
-  check(*image == *image, "equal to itself");
 
   const auto again = qel::Image::fromData(bytes);
   check(again && *again == *image, "decoding is deterministic");

@@ -57,9 +57,7 @@ struct Mode {
 class MapsFuzzHarness {
  public:
   explicit MapsFuzzHarness(Mode mode) {
-    core::QELConfiguration configuration;
-    configuration.host = "cabin.example";
-    core::QELConfiguration::set(configuration);
+    core::QELConfiguration::set({.host = "cabin.example"});
     // Every level on, so that the descriptions of whatever the input holds
     // are formatted too; the records themselves are not kept.
     core::QELLogging::setThreshold(5);

@@ -8,10 +8,8 @@
 #include <qel/core/QELLogging.h>
 
 #include <QApplication>
-#include <QDeadlineTimer>
+#include <QTest>
 #include <QThread>
-#include <QTimer>
-#include <functional>
 
 #include "../Support/Simulator.h"
 #include "MapView.h"
@@ -19,7 +17,8 @@
 
 namespace {
 
-using namespace std::chrono_literals;
+// How long the GUI thread's loop runs for a condition to hold (QTest::qWaitFor).
+constexpr int kWaitMs = 15000;
 
 // The simulator on a thread of its own (the host has its own, and the GUI
 // thread must stay free to receive), with the core kit pointed at it.
@@ -30,18 +29,6 @@ struct Simulator : qel::testing::Simulator {
     return qel::Image::fromData({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()});
   }
 };
-
-// Runs the GUI thread's event loop until `condition` holds.
-bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 15s) {
-  QTimer wake;  // lets the loop look at the deadline while nothing arrives
-  wake.start(20);
-  const QDeadlineTimer deadline(timeout);
-  while (!condition()) {
-    if (deadline.hasExpired()) return false;
-    QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-  }
-  return true;
-}
 
 // The mean and the share of far-off channels between the window's map area,
 // scaled back to the picture's size, and the served picture: smoothing blurs
@@ -97,9 +84,10 @@ TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilThe
     qelviewer::ViewerWindow window(maps);
     window.show();
     maps.start();
-    ASSERT_TRUE(waitFor([&] {
+    const auto shown = [&] {
       return !picture.isNull() && window.statusText().startsWith("Receiving") && !window.mapView()->image().isNull();
-    })) << window.statusText().toStdString();
+    };
+    ASSERT_TRUE(QTest::qWaitFor(shown, kWaitMs)) << window.statusText().toStdString();
     EXPECT_EQ(resolutions, (QList<QSize>{{1024, 768}, {800, 600}, {400, 300}})) << "the server's order";
     EXPECT_EQ(maps.resolution(), QSize(800, 600));
     EXPECT_TRUE(maps.hasMapData());
@@ -109,18 +97,18 @@ TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilThe
     expectShown(window, *served);
 
     // Another size through the slot takes effect with the next update.
-    ASSERT_TRUE(waitFor([&] { return simulator.eventChannelUp(); }));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return simulator.eventChannelUp(); }, kWaitMs));
     maps.setResolution({400, 300});
     simulator.tick();
-    ASSERT_TRUE(waitFor([&] { return picture.width() == 400; })) << "the new size never came";
+    ASSERT_TRUE(QTest::qWaitFor([&] { return picture.width() == 400; }, kWaitMs)) << "the new size never came";
     kept = picture;
 
     simulator.stop();
-    ASSERT_TRUE(waitFor([&] { return window.statusText().startsWith("No map data"); }))
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window.statusText().startsWith("No map data"); }, kWaitMs))
         << window.statusText().toStdString();
     EXPECT_TRUE(window.mapView()->image().isNull()) << "a stale map stays on screen";
     maps.stop();
-    ASSERT_TRUE(waitFor([&] { return !maps.isReceiving(); }));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !maps.isReceiving(); }, kWaitMs));
   }
   EXPECT_EQ(offThread, 0) << "a signal came from another thread";
   EXPECT_EQ(receiving, (std::vector<bool>{true, false}));

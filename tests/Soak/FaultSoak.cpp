@@ -37,9 +37,12 @@ const std::vector<cabinsim::Resolution> kResolutions = {{320, 240}, {240, 180}, 
 
 // One service and what its application was told.
 struct Receiver : qel::Object {
-  Receiver(std::string label, std::optional<qel::CGSize> choice)
-      : name(std::move(label)), resolution(choice), maps(qel::QELBroadcastMapsV1::create()) {
-    if (maps && resolution) maps->setCurrentResolutionWithCGSize(*resolution);
+  // Without a choice the server's first listed size is shown.
+  Receiver(std::string label, std::optional<cabinsim::Resolution> choice)
+      : name(std::move(label)),
+        expected(choice.value_or(kResolutions.front())),
+        maps(qel::QELBroadcastMapsV1::create()) {
+    if (maps && choice) maps->setCurrentResolutionWithCGSize({double(choice->width), double(choice->height)});
   }
 
   void start() {
@@ -52,28 +55,20 @@ struct Receiver : qel::Object {
     maps->stop();
   }
 
-  // The size the server lists for this service's choice; without a choice,
-  // the first one listed.
-  cabinsim::Resolution expectedResolution() const {
-    if (!resolution) return kResolutions.front();
-    return {static_cast<int>(resolution->width), static_cast<int>(resolution->height)};
-  }
-
   void onNotification(const qel::Notification& n) {
     lastNotification = n.name();
     if (n.name() == qel::QELBroadcastMapsErrorNotification) ++errors;
     const auto image = maps->mapImage();
     if (n.name() != qel::QELBroadcastMapsImageDidChangeNotification || !image) return;
     ++pictures;
-    const auto expected = expectedResolution();
     if (image->width() != std::size_t(expected.width) || image->height() != std::size_t(expected.height)) ++wrongSizes;
   }
 
   std::string name;
-  std::optional<qel::CGSize> resolution;
+  cabinsim::Resolution expected;
   std::shared_ptr<qel::QELBroadcastMapsV1> maps;
   std::string lastNotification;
-  std::uint64_t pictures = 0, errors = 0, wrongSizes = 0;
+  unsigned long long pictures = 0, errors = 0, wrongSizes = 0;  // as printf takes them
 };
 
 }  // namespace
@@ -122,8 +117,8 @@ int main(int argc, char** argv) {
 
     std::vector<std::shared_ptr<Receiver>> receivers = {
         std::make_shared<Receiver>("first listed", std::nullopt),
-        std::make_shared<Receiver>("240x180", qel::CGSize{240, 180}),
-        std::make_shared<Receiver>("160x120", qel::CGSize{160, 120}),
+        std::make_shared<Receiver>("240x180", cabinsim::Resolution{240, 180}),
+        std::make_shared<Receiver>("160x120", cabinsim::Resolution{160, 120}),
     };
     for (auto& r : receivers) {
       if (!r->maps) {
@@ -143,7 +138,7 @@ int main(int argc, char** argv) {
     nextTick = loop.schedule(std::chrono::milliseconds(gapMs(random)), tick);
     loop.runFor(std::chrono::duration_cast<qel::RunLoop::Duration>(std::chrono::duration<double>(seconds)));
     nextTick->cancel();
-    const auto soakUpdates = server.sequence();
+    const unsigned long long soakUpdates = server.sequence();
 
     // The faults end. Once the event channel is back (its backoff may have
     // grown to half a minute) and whatever was in flight has landed, one more
@@ -157,7 +152,7 @@ int main(int argc, char** argv) {
     for (auto& r : receivers) r->lastNotification.clear();
     server.tick();
     for (auto& r : receivers) {
-      const auto png = server.currentPng(r->expectedResolution());
+      const auto png = server.currentPng(r->expected);
       const auto expected = qel::Image::fromData({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()});
       const bool latest = loop.runUntil(
           [&] {
@@ -167,13 +162,11 @@ int main(int argc, char** argv) {
           },
           30s);
       std::printf("%-14s %s: %llu pictures, %llu no-data reports during %llu updates\n", r->name.c_str(),
-                  latest ? "ends with the latest map" : "FAIL: does not end with the latest map",
-                  static_cast<unsigned long long>(r->pictures), static_cast<unsigned long long>(r->errors),
-                  static_cast<unsigned long long>(soakUpdates));
+                  latest ? "ends with the latest map" : "FAIL: does not end with the latest map", r->pictures,
+                  r->errors, soakUpdates);
       if (!latest) ++failures;
       if (r->wrongSizes > 0) {
-        std::printf("FAIL: %s was shown %llu pictures of another size\n", r->name.c_str(),
-                    static_cast<unsigned long long>(r->wrongSizes));
+        std::printf("FAIL: %s was shown %llu pictures of another size\n", r->name.c_str(), r->wrongSizes);
         ++failures;
       }
     }
