@@ -55,13 +55,12 @@ class NetworkTest : public ::testing::Test {
     configuration.caFile = caFile_;
     QELConfiguration::set(configuration);
   }
-  // Host "cabin.test" on `port`, which the fixed table maps to `addresses`
-  // (none: the name server is asked).
-  static QELConfiguration cabinTest(std::uint16_t port, const std::string& addresses = {}) {
+  // Host "cabin.test" on `port`, which the fixed table maps to `addresses`.
+  static QELConfiguration cabinTest(std::uint16_t port, const std::string& addresses) {
     auto configuration = QELConfiguration::effective();
     configuration.host = "cabin.test";
     configuration.port = port;
-    if (!addresses.empty()) configuration.resolve = {"cabin.test:" + std::to_string(port) + ":" + addresses};
+    configuration.resolve = {"cabin.test:" + std::to_string(port) + ":" + addresses};
     return configuration;
   }
 
