@@ -1,5 +1,4 @@
 #include "NetworkTestSupport.h"
-#include "TestDnsServer.h"
 
 #include <qel/core/QELRequestQueue.h>
 #include <qel/core/net/HttpsRequestTransport.h>
@@ -155,12 +154,9 @@ TEST_F(HttpsRequestTransportTests, InterimAndCloseDelimitedAnswersReachOnlyTheRe
 }
 
 TEST_F(HttpsRequestTransportTests, ADeadFirstAddressCostsOnlyItsShortWindow) {
-  DeadAddress dead(server_.port());
-  // Addresses from the fixed table, then from a name server (another name: no connection is reused).
-  TestDnsServer dns(loop().context());
-  dns.add("named.test", {"127.0.0.2", "127.0.0.1"});
-  auto configuration = cabinTest(server_.port(), "127.0.0.2,127.0.0.1");
-  configuration.dnsServers = dns.address();
+  // From the fixed table, then from a name server (another name: no connection is reused).
+  DeadFirstAddresses addresses(server_.port());
+  auto& configuration = addresses.configuration;
   for (const char* host : {"cabin.test", "named.test"}) {
     SCOPED_TRACE(host);
     configuration.host = host;

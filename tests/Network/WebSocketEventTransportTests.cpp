@@ -1,5 +1,4 @@
 #include "NetworkTestSupport.h"
-#include "TestDnsServer.h"
 
 #include <qel/core/QELEventManager.h>
 #include <qel/core/net/WebSocketEventTransport.h>
@@ -111,12 +110,8 @@ TEST_F(WebSocketEventTransportTests, WithoutAHostOrATrustedServerItNeverCountsAs
 }
 
 TEST_F(WebSocketEventTransportTests, ADeadFirstAddressCostsOnlyItsHeadStart) {
-  DeadAddress dead(server_.port());
-  // Addresses from the fixed table, then from a name server.
-  TestDnsServer dns(loop().context());
-  dns.add("named.test", {"127.0.0.2", "127.0.0.1"});
-  auto configuration = cabinTest(server_.port(), "127.0.0.2,127.0.0.1");
-  configuration.dnsServers = dns.address();
+  DeadFirstAddresses addresses(server_.port());
+  auto& configuration = addresses.configuration;
   int connections = 0;
   for (const char* host : {"cabin.test", "named.test"}) {
     SCOPED_TRACE(host);
@@ -128,7 +123,7 @@ TEST_F(WebSocketEventTransportTests, ADeadFirstAddressCostsOnlyItsHeadStart) {
     EXPECT_LT(std::chrono::steady_clock::now() - started, WebSocketEventTransport::Options().connectTimeout);
   }
   // The table answered without asking the name server.
-  EXPECT_EQ(dns.questions().size(), 2u);  // A and AAAA for named.test
+  EXPECT_EQ(addresses.dns.questions().size(), 2u);  // A and AAAA for named.test
 }
 
 // A cabin's devices all lose the server in the same instant when it restarts;
