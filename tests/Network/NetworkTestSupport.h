@@ -1,5 +1,6 @@
 #pragma once
 
+#include "TestDnsServer.h"
 #include "TestServer.h"
 
 #include <qel/RunLoop.h>
@@ -17,17 +18,24 @@
 
 namespace qel::core::net::testing {
 
-// A dead host at 127.0.0.2 on `port`: a listener whose accept queue is full
-// drops connection requests without a word.
-struct DeadAddress {
-  explicit DeadAddress(std::uint16_t port) {
+// Two names for 127.0.0.1 on `port` whose first address is a dead host at
+// 127.0.0.2 (a listener whose accept queue is full drops connection requests
+// without a word): "cabin.test" in the fixed table and "named.test" at a name
+// server, both in `configuration` (else the effective one).
+struct DeadFirstAddresses {
+  explicit DeadFirstAddresses(std::uint16_t port) {
     acceptor.open(boost::asio::ip::tcp::v4());
     acceptor.bind({boost::asio::ip::make_address("127.0.0.2"), port});
     acceptor.listen(0);
     filler.connect(acceptor.local_endpoint());
+    dns.add("named.test", {"127.0.0.2", "127.0.0.1"});
+    configuration.resolve = {"cabin.test:" + std::to_string(port) + ":127.0.0.2,127.0.0.1"};
+    configuration.dnsServers = dns.address();
   }
   boost::asio::ip::tcp::acceptor acceptor{RunLoop::current().context()};
   boost::asio::ip::tcp::socket filler{RunLoop::current().context()};
+  TestDnsServer dns{RunLoop::current().context()};
+  QELConfiguration configuration = QELConfiguration::effective();
 };
 
 // A trusted CA written to a file, a server it certified for 127.0.0.1 and
@@ -54,15 +62,6 @@ class NetworkTest : public ::testing::Test {
     configuration.port = port;
     configuration.caFile = caFile_;
     QELConfiguration::set(configuration);
-  }
-  // Host "cabin.test" on `port`, which the fixed table maps to `addresses`
-  // (none: the name server is asked).
-  static QELConfiguration cabinTest(std::uint16_t port, const std::string& addresses = {}) {
-    auto configuration = QELConfiguration::effective();
-    configuration.host = "cabin.test";
-    configuration.port = port;
-    if (!addresses.empty()) configuration.resolve = {"cabin.test:" + std::to_string(port) + ":" + addresses};
-    return configuration;
   }
 
   cabinsim::CertificateAuthority authority_{"QEL Test CA"};
