@@ -23,8 +23,9 @@ bool withinBudget(std::uint64_t width, std::uint64_t height, std::uint64_t maxPi
 bool affordable(std::uint64_t width, std::uint64_t height, std::uint64_t maxPixels, Image::Refusal& refusal) {
   refusal.width = static_cast<std::size_t>(width);
   refusal.height = static_cast<std::size_t>(height);
-  refusal.overBudget = width > 0 && height > 0 && !withinBudget(width, height, maxPixels);
-  return withinBudget(width, height, maxPixels);
+  const bool within = withinBudget(width, height, maxPixels);
+  refusal.overBudget = width > 0 && height > 0 && !within;
+  return within;
 }
 
 struct SpngContext {

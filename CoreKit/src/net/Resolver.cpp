@@ -285,10 +285,15 @@ void Resolver::resolve(const std::string& host, std::uint16_t port, Callback cal
 
 void Resolver::cancel() { impl_->cancel(); }
 
+std::string_view Resolver::unbracketed(std::string_view host) {
+  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') return host.substr(1, host.size() - 2);
+  return host;
+}
+
 std::optional<asio::ip::address> Resolver::addressLiteral(std::string_view host) {
-  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
+  if (const auto bare = unbracketed(host); bare.size() != host.size()) {
     boost::system::error_code error;
-    const auto address = asio::ip::make_address_v6(std::string(host.substr(1, host.size() - 2)), error);
+    const auto address = asio::ip::make_address_v6(std::string(bare), error);
     if (error) return std::nullopt;
     return asio::ip::address(address);
   }

@@ -1,6 +1,7 @@
 #include "qel/core/net/UrlPolicy.h"
 
 #include "qel/core/QELLogging.h"
+#include "qel/core/net/Resolver.h"
 #include "qel/core/net/TlsContext.h"
 
 #include <qel/GccWarnings.h>
@@ -24,10 +25,7 @@ std::string lowercase(std::string_view text) {
 
 // The configured host as URLs carry it inside their brackets: an IPv6 cabin
 // host may be configured as "::1" or as "[::1]".
-std::string bareHost(std::string_view host) {
-  if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-  return lowercase(host);
-}
+std::string bareHost(std::string_view host) { return lowercase(Resolver::unbracketed(host)); }
 
 // URLs come from the server's map data: escaped, so that the refusal can go
 // into a log line as it is. GCC 12 bug 105329: a bogus -Wrestrict inside

@@ -181,12 +181,8 @@ void WebSocketEventTransport::Channel::connect() {
     return;
   }
   Target target;
-  target.host = *configuration.host;
-  // An IPv6 host may be configured in brackets, as URLs carry it; the name
-  // checked against the certificate and looked up is the bare address.
-  if (target.host.size() > 2 && target.host.front() == '[' && target.host.back() == ']') {
-    target.host = target.host.substr(1, target.host.size() - 2);
-  }
+  // An IPv6 host may be configured in brackets, as URLs carry it.
+  target.host = Resolver::unbracketed(*configuration.host);
   target.port = configuration.port.value_or(443);
   target.path = configuration.eventPath.value_or("/skelion/events");
   const bool ipv6 = target.host.find(':') != std::string::npos;

@@ -78,6 +78,9 @@ class Resolver {
 
   // One fixed host table entry, or nullopt when it is not one.
   static std::optional<FixedHost> parseFixedHost(std::string_view entry);
+  // The host without the brackets a URL puts around an IPv6 address: the
+  // name to look up and to check a certificate against ("[::1]" is "::1").
+  static std::string_view unbracketed(std::string_view host);
   // The address a host literal names ("::1" or "[::1]"), if it is one.
   static std::optional<boost::asio::ip::address> addressLiteral(std::string_view host);
 
