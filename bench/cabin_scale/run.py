@@ -166,11 +166,7 @@ class Processes:
                 child.terminate()
         deadline = time.time() + 10
         for child in self.children:
-            try:
-                child.wait(max(0.1, deadline - time.time()))
-            except subprocess.TimeoutExpired:
-                child.kill()
-                child.wait()
+            self.stop(child, max(0.1, deadline - time.time()))
 
 
 def make_certificate(work, host):
