@@ -4,15 +4,14 @@
 #include "qel/core/net/CurlMulti.h"
 #include "qel/core/net/NetworkError.h"
 #include "qel/core/net/Resolver.h"
+#include "qel/core/net/TlsContext.h"
 
 #include <qel/RunLoop.h>
 
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <fstream>
 #include <iterator>
-#include <sstream>
 #include <utility>
 
 namespace qel::core::net {
@@ -29,15 +28,6 @@ class FailedOperation : public TransportOperation {
  private:
   bool cancelled_ = false;
 };
-
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return std::nullopt;
-  std::ostringstream contents;
-  contents << file.rdbuf();
-  if (file.bad()) return std::nullopt;
-  return contents.str();
-}
 
 struct SlistDeleter {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -368,13 +358,9 @@ std::shared_ptr<TransportOperation> HttpsRequestTransport::start(const QELReques
   }
 
   std::optional<std::string> trust;
-  if (decision.endpoint->tls && configuration.caFile && !configuration.caFile->empty()) {
-    trust = readFile(*configuration.caFile);
-    if (!trust || trust->empty()) {
-      const auto why = "cannot read the CA file \"" + *configuration.caFile + "\"";
-      QELLogging::log("Request to %s not sent: %s", 2, kDomain, decision.endpoint->url(), why);
-      return failLater(networkError(NetworkErrorCode::TlsSetup, why));
-    }
+  if (std::string why; decision.endpoint->tls && !TlsContext::trustedPem(configuration, trust, &why)) {
+    QELLogging::log("Request to %s not sent: %s", 2, kDomain, decision.endpoint->url(), why);
+    return failLater(networkError(NetworkErrorCode::TlsSetup, why));
   }
 
   auto& multi = CurlMulti::of(loop.context());

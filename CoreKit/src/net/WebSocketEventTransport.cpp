@@ -190,7 +190,9 @@ void WebSocketEventTransport::Channel::connect() {
   if (target.port != 443) target.hostHeader += ":" + std::to_string(target.port);
 
   std::string why;
-  auto tlsContext = TlsContext::forCaFile(configuration.caFile, &why);
+  std::optional<std::string> trust;
+  std::shared_ptr<boost::asio::ssl::context> tlsContext;
+  if (TlsContext::trustedPem(configuration, trust, &why)) tlsContext = TlsContext::forTrust(trust, &why);
   if (!tlsContext) {
     QELLogging::log("Event channel to %s not opened: %s", 2, kDomain, target.url(), why);
     return scheduleReconnect();
