@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, when missing.
+# Installs the Debian packages the build and the tests need, when missing;
+# with --bench also what the benchmarks need.
 set -euo pipefail
 
 packages=(
@@ -11,6 +12,10 @@ packages=(
   dpkg-dev file valgrind openssl iproute2
   qt6-base-dev
 )
+# The benchmarks' extras: gnuplot draws the whole-cabin harness's plots.
+if [ "${1:-}" = --bench ]; then
+  packages+=(gnuplot-nox)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
