@@ -9,6 +9,7 @@ packages=(
   libssl-dev libcurl4-openssl-dev libc-ares-dev libspng-dev libturbojpeg0-dev libcairo2-dev
   nginx
   libgtest-dev libgmock-dev libbenchmark-dev python3-pytest
+  python3-build python3-venv python3-setuptools python3-wheel mypy
   dpkg-dev file valgrind openssl iproute2
   qt6-base-dev
 )

@@ -1,84 +1,41 @@
 """ctypes bindings of <QELMaps/qelmaps.h> and the Client built on them."""
 
 import ctypes
-import ctypes.util
+import enum
 import os
 import queue
 import threading
 from typing import Callable, Dict, List, NamedTuple, Optional, Tuple
 
-# The events, by the notification names the C header defines.
-AVAILABLE_RESOLUTIONS_DID_CHANGE = "BROADCAST_MAPS_AVAILABLE_RESOLUTIONS_DID_CHANGE"
-IMAGE_DID_CHANGE = "BROADCAST_MAPS_IMAGE_DID_CHANGE"
-IMAGE_DID_STOP_RECEIVING_IMAGE = "BROADCAST_MAPS_IMAGE_DID_STOP_RECEIVING_IMAGE"
-ERROR = "BROADCAST_MAPS_ERROR"
-IMAGE_DID_START_RECEIVING_IMAGE = "BROADCAST_MAPS_IMAGE_DID_START_RECEIVING_IMAGE"
-STATE_DID_CHANGE = "STATE_DID_CHANGE"  # a call of the application changed the state
-_EVENTS = [
-    AVAILABLE_RESOLUTIONS_DID_CHANGE,
-    IMAGE_DID_CHANGE,
-    IMAGE_DID_STOP_RECEIVING_IMAGE,
-    ERROR,
-    IMAGE_DID_START_RECEIVING_IMAGE,
-    STATE_DID_CHANGE,
-]
+# The library and the C API's types, loaded once per process.
+from ._library import CALLBACK as _CALLBACK, DISPATCH as _DISPATCH, LOG as _LOG, Size as _Size, lib as _lib
+
+
+class Event(str, enum.Enum):
+    """What a callback announces, in the C API's order. A member is also the
+    notification's name as a string, so code that compares with the names
+    (or the module's constants) keeps working."""
+
+    AVAILABLE_RESOLUTIONS_DID_CHANGE = "BROADCAST_MAPS_AVAILABLE_RESOLUTIONS_DID_CHANGE"
+    IMAGE_DID_CHANGE = "BROADCAST_MAPS_IMAGE_DID_CHANGE"
+    IMAGE_DID_STOP_RECEIVING_IMAGE = "BROADCAST_MAPS_IMAGE_DID_STOP_RECEIVING_IMAGE"
+    ERROR = "BROADCAST_MAPS_ERROR"
+    IMAGE_DID_START_RECEIVING_IMAGE = "BROADCAST_MAPS_IMAGE_DID_START_RECEIVING_IMAGE"
+    STATE_DID_CHANGE = "STATE_DID_CHANGE"  # a call of the application changed the state
+
+    def __str__(self) -> str:
+        return self.value
+
+
+AVAILABLE_RESOLUTIONS_DID_CHANGE = Event.AVAILABLE_RESOLUTIONS_DID_CHANGE
+IMAGE_DID_CHANGE = Event.IMAGE_DID_CHANGE
+IMAGE_DID_STOP_RECEIVING_IMAGE = Event.IMAGE_DID_STOP_RECEIVING_IMAGE
+ERROR = Event.ERROR
+IMAGE_DID_START_RECEIVING_IMAGE = Event.IMAGE_DID_START_RECEIVING_IMAGE
+STATE_DID_CHANGE = Event.STATE_DID_CHANGE
+_EVENTS = list(Event)
 
 _OK, _NO_PICTURE, _NO_RESOLUTION, _BUFFER_TOO_SMALL = 0, 3, 4, 5
-
-
-class _Size(ctypes.Structure):
-    _fields_ = [("width", ctypes.c_double), ("height", ctypes.c_double)]
-
-
-_CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p)
-_DISPATCH = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_void_p)
-_LOG = ctypes.CFUNCTYPE(None, ctypes.c_int, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_void_p)
-
-
-def _load() -> ctypes.CDLL:
-    path = os.environ.get("QELMAPS_LIBRARY") or ctypes.util.find_library("qelmaps") or "libqelmaps.so.1"
-    lib = ctypes.CDLL(path)
-    p, i, d, e, s = ctypes.c_void_p, ctypes.c_int, ctypes.c_double, ctypes.c_int, ctypes.c_size_t
-    signatures = {
-        "qelmaps_error_string": (ctypes.c_char_p, [e]),
-        "qelmaps_version": (ctypes.c_char_p, []),
-        "qelmaps_service_version": (ctypes.c_char_p, []),
-        "qelmaps_config_create": (p, []),
-        "qelmaps_config_destroy": (None, [p]),
-        "qelmaps_config_set_host": (e, [p, ctypes.c_char_p]),
-        "qelmaps_config_set_port": (e, [p, i]),
-        "qelmaps_config_set_ca_file": (e, [p, ctypes.c_char_p]),
-        "qelmaps_config_set_event_path": (e, [p, ctypes.c_char_p]),
-        "qelmaps_config_set_log_threshold": (e, [p, i]),
-        "qelmaps_config_set_log_callback": (e, [p, _LOG, p]),
-        "qelmaps_config_set_callback": (e, [p, i, _CALLBACK, p]),
-        "qelmaps_config_set_dispatch": (e, [p, _DISPATCH, p]),
-        "qelmaps_task_run": (None, [p]),
-        "qelmaps_task_discard": (None, [p]),
-        "qelmaps_client_create": (e, [p, ctypes.POINTER(p)]),
-        "qelmaps_client_destroy": (e, [p]),
-        "qelmaps_client_start": (e, [p]),
-        "qelmaps_client_stop": (e, [p]),
-        "qelmaps_client_choose_resolution": (e, [p, d, d]),
-        "qelmaps_client_clear_resolution": (e, [p]),
-        "qelmaps_client_resolutions": (e, [p, ctypes.POINTER(_Size), s, ctypes.POINTER(s)]),
-        "qelmaps_client_current_resolution": (e, [p, ctypes.POINTER(_Size)]),
-        "qelmaps_client_state": (e, [p, ctypes.POINTER(i), ctypes.POINTER(i)]),
-        "qelmaps_client_picture": (e, [p, ctypes.POINTER(p)]),
-        "qelmaps_picture_release": (None, [p]),
-        "qelmaps_picture_width": (s, [p]),
-        "qelmaps_picture_height": (s, [p]),
-        "qelmaps_picture_stride": (s, [p]),
-        "qelmaps_picture_pixels": (p, [p]),
-    }
-    for name, (restype, argtypes) in signatures.items():
-        function = getattr(lib, name)
-        function.restype = restype
-        function.argtypes = argtypes
-    return lib
-
-
-_lib = _load()
 
 
 class Error(Exception):
@@ -95,11 +52,11 @@ def _check(code: int, what: str) -> None:
 
 
 def version() -> str:
-    return _lib.qelmaps_version().decode()
+    return str(_lib.qelmaps_version().decode())
 
 
 def service_version() -> str:
-    return _lib.qelmaps_service_version().decode()
+    return str(_lib.qelmaps_service_version().decode())
 
 
 class Picture(NamedTuple):
@@ -112,7 +69,11 @@ class Picture(NamedTuple):
 
 def _size(size: _Size) -> Tuple[float, float]:
     # Whole pixel counts come back as ints, as they were sent.
-    return tuple(int(v) if float(v).is_integer() else v for v in (size.width, size.height))
+    width, height = (int(v) if float(v).is_integer() else float(v) for v in (size.width, size.height))
+    return width, height
+
+
+Handler = Callable[["Client", Event], None]
 
 
 class Client:
@@ -130,9 +91,9 @@ class Client:
     def __init__(self, host: Optional[str] = None, port: Optional[int] = None, ca_file: Optional[str] = None,
                  event_path: Optional[str] = None, log_level: Optional[int] = None,
                  log: Optional[Callable[[int, str, str], None]] = None,
-                 handlers: Optional[Dict[str, Callable]] = None):
-        self._handlers: Dict[str, List[Callable]] = {}
-        self._tasks: "queue.SimpleQueue" = queue.SimpleQueue()
+                 handlers: "Optional[Dict[Event | str, Handler]]" = None):
+        self._handlers: Dict[Event, List[Handler]] = {}
+        self._tasks: "queue.SimpleQueue[Optional[int]]" = queue.SimpleQueue()
         self._lock = threading.Lock()
         for event, handler in (handlers or {}).items():
             self.on(event, handler)
@@ -140,8 +101,11 @@ class Client:
         # ctypes trampolines must outlive every call the library may make.
         self._on_event = _CALLBACK(self._deliver)
         self._on_dispatch = _DISPATCH(lambda task, _: self._tasks.put(task))
-        self._on_log = _LOG(lambda level, domain, message, _: log(level, domain.decode(errors="replace"),
-                                                                   message.decode(errors="replace"))) if log else None
+        self._on_log = None
+        if log is not None:
+            sink = log
+            self._on_log = _LOG(lambda level, domain, message, _: sink(level, domain.decode(errors="replace"),
+                                                                       message.decode(errors="replace")))
         config = _lib.qelmaps_config_create()
         if not config:
             raise MemoryError
@@ -171,13 +135,12 @@ class Client:
     def __enter__(self) -> "Client":
         return self
 
-    def __exit__(self, *exc) -> None:
+    def __exit__(self, *exc: object) -> None:
         self.close()
 
-    def on(self, event: str, handler: Callable[["Client", str], None]) -> None:
-        """Calls ``handler(client, event)`` for each ``event`` (one of the constants)."""
-        if event not in _EVENTS:
-            raise ValueError(f"unknown event {event!r}")
+    def on(self, event: "Event | str", handler: "Handler") -> None:
+        """Calls ``handler(client, event)`` for each ``event`` (an ``Event``, or its name)."""
+        event = Event(event)  # a str-valued member hashes by its name: one kind of key
         with self._lock:
             self._handlers.setdefault(event, []).append(handler)
 
@@ -273,8 +236,10 @@ class Client:
             if task is not None:
                 _lib.qelmaps_task_discard(task)
 
-    def _deliver(self, _client, event, _user_data) -> None:
-        name = _EVENTS[event] if 0 <= event < len(_EVENTS) else None
+    def _deliver(self, _client: Optional[int], event: int, _user_data: Optional[int]) -> None:
+        if not 0 <= event < len(_EVENTS):
+            return
+        name = _EVENTS[event]
         with self._lock:
             handlers = list(self._handlers.get(name, ()))
         for handler in handlers:
