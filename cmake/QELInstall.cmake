@@ -3,8 +3,9 @@
 # simulator and the demo. Components: runtime (the shared library),
 # development (what a C application needs: qelmaps.h, qelmaps.pc and the
 # library's link name, nothing of Boost), cxxdevelopment (the C++ headers,
-# the CMake package and qelmaps-cxx.pc, which need Boost's headers) and
-# tools; the Debian packages follow them.
+# the CMake package and qelmaps-cxx.pc, which need Boost's headers), qt and
+# qtdevelopment (the Qt adapter and QML item, and what builds against them)
+# and tools; the Debian packages follow them.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -39,6 +40,10 @@ install(TARGETS QELMapsLibrary EXPORT QELMapsTargets
 
 set(QEL_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/QELMaps)
 install(EXPORT QELMapsTargets NAMESPACE QELMaps:: DESTINATION ${QEL_CMAKE_DIR} COMPONENT cxxdevelopment)
+set(QEL_QT_COMPONENTS "Core Gui")
+if(TARGET QELMapsQuick)
+  string(APPEND QEL_QT_COMPONENTS " Qml Quick")
+endif()
 configure_package_config_file(cmake/QELMapsConfig.cmake.in ${PROJECT_BINARY_DIR}/QELMapsConfig.cmake
   INSTALL_DESTINATION ${QEL_CMAKE_DIR})
 # 1.x stays compatible with 1.0: the SONAME carries the major version.
@@ -64,6 +69,22 @@ install(FILES ${PROJECT_BINARY_DIR}/qelmaps.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/qelmaps-cxx.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT cxxdevelopment)
+
+# The Qt component: libqelmapsqt (and libqelmapsquick with Qt Quick), their
+# headers and QELMapsQtTargets.cmake, which the package's config includes
+# for find_package(QELMaps COMPONENTS Qt).
+if(QEL_QT_TARGETS)
+  install(TARGETS ${QEL_QT_TARGETS} EXPORT QELMapsQtTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT qt NAMELINK_COMPONENT qtdevelopment
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT qtdevelopment)
+  install(FILES Qt/include/QELMapsQt/QtBroadcastMaps.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/QELMapsQt COMPONENT qtdevelopment)
+  if(TARGET QELMapsQuick)
+    install(FILES Qt/Quick/include/QELMapsQt/QtMapItem.h
+      DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/QELMapsQt COMPONENT qtdevelopment)
+  endif()
+  install(EXPORT QELMapsQtTargets NAMESPACE QELMaps:: DESTINATION ${QEL_CMAKE_DIR} COMPONENT qtdevelopment)
+endif()
 
 if(QEL_BUILD_TOOLS)
   set(QEL_TOOLS cabin-sim qelmaps-demo)

@@ -11,7 +11,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev python3-pytest
   python3-build python3-venv python3-setuptools python3-wheel mypy
   dpkg-dev file valgrind openssl iproute2
-  qt6-base-dev
+  qt6-base-dev qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-window qml6-module-qtqml-workerscript
 )
 # The benchmarks' extras: gnuplot draws the whole-cabin harness's plots.
 if [ "${1:-}" = --bench ]; then

@@ -5,7 +5,8 @@
 # tests/consumer four ways: find_package against the prefix, pkg-config
 # against the prefix, add_subdirectory of this source tree, and find_package
 # against the Debian packages unpacked into a scratch root; the C demo is
-# built from the prefix and from the C packages alone. Each consumer runs
+# built from the prefix and from the C packages alone, the QML sample with
+# find_package(QELMaps COMPONENTS Qt). Each consumer runs
 # against the simulator and must receive a map picture.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -45,6 +46,18 @@ libdir=$(PKG_CONFIG_PATH=$pcdir pkg-config --variable=libdir qelmaps)
 g++ -std=c++20 -O2 -Wall -Wextra -Werror tests/consumer/main.cpp -o "$work/pkg-config-consumer" \
   $(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs qelmaps-cxx) -Wl,-rpath,"$libdir"
 run "pkg-config --cflags --libs qelmaps-cxx" "$work/pkg-config-consumer"
+
+# The Qt component, as a Qt Quick application finds it: the QML sample built
+# on its own against the prefix, on the offscreen platform; it fails when no
+# map picture was on screen.
+if [ -n "$(find "$prefix" -name QELMapsQtTargets.cmake)" ]; then
+  cmake -S tools/qelmaps-quick -B "$work/quick" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+  cmake --build "$work/quick" >/dev/null
+  echo "-- find_package(QELMaps COMPONENTS Qt): the QML sample"
+  QT_QPA_PLATFORM=offscreen scripts/run-against-sim.sh "$sim" "$work/quick/qelmaps-quick" \
+    --screenshot "$work/quick.png" --after 3
+fi
 
 # From source, in the debug configuration (its objects are the debug preset's).
 cmake -S tests/consumer -B "$work/subdirectory" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
