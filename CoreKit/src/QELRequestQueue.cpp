@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <functional>
 #include <vector>
 
 namespace qel::core {
@@ -36,7 +37,14 @@ struct Entry {
 // timers in flight, so that requests outlive the queue object.
 struct QELRequestQueue::State : std::enable_shared_from_this<State> {
   explicit State(std::shared_ptr<RequestTransport> t)
-      : transport(std::move(t)), loop(&RunLoop::current()) {}
+      : transport(std::move(t)), loop(&RunLoop::current()), loopLifetime(loop->lifetime()) {}
+
+  // Posts to the queue's loop while it lives. Once it has ended (a service
+  // kept in a static cancels its download at exit, after the loops of the
+  // threads are gone) there is nothing left to run the callout.
+  void post(std::function<void()> callout) {
+    if (!loopLifetime.expired()) loop->post(std::move(callout));
+  }
 
   void add(const std::shared_ptr<QELRequest>& request);
   void schedulePump();
@@ -56,6 +64,7 @@ struct QELRequestQueue::State : std::enable_shared_from_this<State> {
 
   std::shared_ptr<RequestTransport> transport;  // empty: the shared one at each attempt
   RunLoop* loop;
+  std::weak_ptr<const void> loopLifetime;
   int maxConcurrent = -1;
   // Cancelled entries stay here until the pump or a compaction drops them:
   // erasing each from the middle would make a burst of cancels (every
@@ -89,7 +98,7 @@ void QELRequestQueue::State::add(const std::shared_ptr<QELRequest>& request) {
 void QELRequestQueue::State::schedulePump() {
   if (pumpPosted) return;
   pumpPosted = true;
-  loop->post([self = shared_from_this()] {
+  post([self = shared_from_this()] {
     self->pumpPosted = false;
     self->pump();
   });
@@ -118,7 +127,7 @@ void QELRequestQueue::State::startAttempt(const std::shared_ptr<Entry>& entry) {
     // Nothing to send and nothing a retry could change: fail it at once, from
     // the loop like any other outcome.
     QELLogging::log("Request has no URL; failing it.", 2, kDomain);
-    loop->post([self = shared_from_this(), entry] {
+    post([self = shared_from_this(), entry] {
       self->complete(entry, TransportResult{Error{kErrorDomain, -1, "request has no URL"}, {}});
     });
     return;
@@ -133,7 +142,7 @@ void QELRequestQueue::State::startAttempt(const std::shared_ptr<Entry>& entry) {
         if (entry->starting) {
           // A transport must not complete from within start(); keep the
           // promise of loop-only callbacks anyway.
-          self->loop->post([self, entry, attempt, result = std::move(result)]() mutable {
+          self->post([self, entry, attempt, result = std::move(result)]() mutable {
             self->attemptDidComplete(entry, attempt, std::move(result));
           });
           return;

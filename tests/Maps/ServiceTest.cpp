@@ -20,6 +20,7 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
 
 namespace qel::testing {
 namespace {
@@ -458,6 +459,34 @@ TEST_F(ServiceTest, ServicesShareOneControllerAndDownloadOneImageAtATime) {
   answerImage(pngBytes(4, 3, 1));
   EXPECT_NE(first->mapImage(), nullptr);
   EXPECT_NE(second->mapImage(), nullptr);  // and TearDown sees both shares given back
+}
+
+// The host runs each service on a thread of its own, one after another. A
+// service released without stop() while its retry is pending goes when its
+// thread's loop ends, and the map data the process shares goes with that
+// loop, even while a service of it is still held: the next thread's service
+// starts afresh, not on a queue of the ended loop.
+TEST_F(ServiceTest, AServiceLeftRetryingGoesWithItsThreadsLoopAndTheNextStartsAfresh) {
+  std::shared_ptr<QELBroadcastMapsV1> kept;
+  std::thread([&] {
+    kept = QELBroadcastMapsV1::create();
+    auto service = QELBroadcastMapsV1::create();
+    answerRest({imageEntry(800, 600, "/a.png")});
+    connect({imageEntry(800, 600, "/a.png")});
+    service->start();
+    failImage();
+    ASSERT_EQ(logged(4, kRetrying), 1u);
+  }).join();
+  EXPECT_EQ(QELBroadcastMapsController::ownersCount(), 1);
+
+  std::thread([&] {
+    auto service = QELBroadcastMapsV1::create();
+    answerRest({imageEntry(800, 600, "/b.png")});
+    service->start();
+    answerImage(pngBytes(8, 6, 1));
+    EXPECT_NE(service->mapImage(), nullptr);
+  }).join();
+  kept.reset();
 }
 
 }  // namespace

@@ -37,6 +37,33 @@ class ServiceRequest : public QELRESTRequest {
   explicit ServiceRequest(std::weak_ptr<QELRequestDelegate> delegate) : QELRESTRequest(std::move(delegate)) {}
 };
 
+// Completions are collected for a whole pass of the multi handle before any
+// runs; one that frees a handle (here: removes it and reuses it for another
+// transfer, as the allocator may hand out a freed handle's address) must not
+// pass the old transfer's result to the new one.
+TEST(CurlMultiTest, ACompletionReachesOnlyTheTransferItBelongsTo) {
+  auto& loop = RunLoop::current();
+  auto& multi = CurlMulti::of(loop.context());
+  CURL* first = curl_easy_init();
+  CURL* second = curl_easy_init();
+  // Both fail in the same pass, without I/O.
+  curl_easy_setopt(first, CURLOPT_URL, "unknown://a");
+  curl_easy_setopt(second, CURLOPT_URL, "unknown://b");
+  std::vector<CURLcode> reused;
+  ASSERT_TRUE(multi.add(first, [&](CURLcode) {
+    multi.remove(second);
+    curl_easy_reset(second);
+    curl_easy_setopt(second, CURLOPT_URL, "http://[");
+    multi.add(second, [&](CURLcode result) { reused.push_back(result); });
+  }));
+  ASSERT_TRUE(multi.add(second, [](CURLcode) {}));
+  loop.runUntil([&] { return !reused.empty(); }, std::chrono::seconds(10));
+  loop.runPending();
+  EXPECT_EQ(reused, std::vector<CURLcode>{CURLE_URL_MALFORMAT});
+  curl_easy_cleanup(first);
+  curl_easy_cleanup(second);
+}
+
 class HttpsRequestTransportTests : public NetworkTest {
  protected:
   HttpsRequestTransportTests() { useTransport(); }
