@@ -1,5 +1,5 @@
-// The moving map filling a window: the live picture with its aspect kept, a
-// line of text while there is none, and the state of reception below it.
+// The moving map filling a window: the live picture with its aspect kept (a
+// line of text while there is none), and the state of reception below it.
 import QtQuick
 import QtQuick.Window
 import QELMaps 1.0
@@ -22,14 +22,7 @@ Window {
         objectName: "map"
         anchors.fill: parent
         maps: maps
-    }
-
-    Text {
-        anchors.centerIn: parent
-        visible: !map.hasPicture
-        color: "#a8b4c0"
-        font.pointSize: 18
-        text: maps.hasMapData ? "Waiting for the map" : "No map data"
+        placeholder: maps.hasMapData ? "Waiting for the map" : "No map data"
     }
 
     Text {
