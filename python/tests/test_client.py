@@ -6,6 +6,7 @@ import os
 import queue
 import subprocess
 import tempfile
+import threading
 
 import pytest
 
@@ -66,7 +67,7 @@ def test_receives_the_chosen_picture_and_the_resolutions_until_the_server_stops(
         wait_for(received, qelmaps.ERROR)
         assert not client.has_map_data
         assert client.resolutions() == []
-    with pytest.raises(ValueError):
+    with pytest.raises(qelmaps.ClosedError):
         client.start()
 
 
@@ -86,3 +87,87 @@ def test_closing_the_client_in_a_callback_stops_every_callback(simulator):
     assert closed.get(timeout=TIMEOUT)
     client.close()  # a second close is harmless
     assert after == []
+
+
+class _Held:
+    """The C library, with calls of one function held between reading the
+    client's handle and calling C, as a thread switch can hold them."""
+
+    def __init__(self, lib, name):
+        self._lib, self._name = lib, name
+        self.entered, self.release = threading.Event(), threading.Event()
+
+    def __getattr__(self, attr):
+        function = getattr(self._lib, attr)
+        if attr != self._name:
+            return function
+
+        def held(*args):
+            self.entered.set()
+            self.release.wait(TIMEOUT)
+            return function(*args)
+
+        return held
+
+
+def test_close_on_another_thread_waits_for_a_running_call_and_later_calls_raise(simulator, monkeypatch):
+    _, settings = simulator
+    client = qelmaps.Client(**settings)
+    held = _Held(qelmaps._client._lib, "qelmaps_client_state")
+    monkeypatch.setattr(qelmaps._client, "_lib", held)
+    order = []
+    reader = threading.Thread(target=lambda: order.append(("call", client.receiving)))
+    reader.start()
+    assert held.entered.wait(TIMEOUT)
+    closer = threading.Thread(target=lambda: (client.close(), order.append("closed")))
+    closer.start()
+    closer.join(0.5)  # without the wait, close() is done by now and the call uses a freed handle
+    held.release.set()
+    reader.join()
+    closer.join()
+    assert [entry[0] if isinstance(entry, tuple) else entry for entry in order] == ["call", "closed"]
+
+    # Many threads calling while one closes: each call either runs on a live
+    # handle or raises the package's error (the ASan build shows the rest).
+    monkeypatch.undo()
+    for _ in range(10):
+        client = qelmaps.Client(**settings)
+        started, failures = threading.Barrier(5), []
+
+        def call_until_closed():
+            try:
+                started.wait()
+                while True:
+                    client.resolutions(), client.receiving, client.current_resolution(), client.picture()
+            except qelmaps.ClosedError:
+                pass
+            except Exception as error:  # noqa: BLE001 - any other outcome fails the test
+                failures.append(error)
+
+        callers = [threading.Thread(target=call_until_closed) for _ in range(4)]
+        for caller in callers:
+            caller.start()
+        started.wait()
+        client.close()
+        for caller in callers:
+            caller.join()
+        assert failures == []
+
+
+def test_closing_the_client_in_the_log_callback_closes_it_completely(simulator):
+    _, settings = simulator
+    clients, closed = [], threading.Event()
+
+    def close_on_first_line(level, domain, message):
+        if clients and not closed.is_set():
+            clients[0].close()
+            closed.set()
+
+    clients.append(qelmaps.Client(**dict(settings, log_level=5), log=close_on_first_line))
+    clients[0].start()  # its lines come from the library's own thread
+    assert closed.wait(TIMEOUT)
+    clients[0].close()  # returns once the close asked for in the callback is done
+    with pytest.raises(qelmaps.ClosedError):
+        clients[0].resolutions()
+    # Only one client may live at a time: the first is gone.
+    qelmaps.Client(**settings).close()
