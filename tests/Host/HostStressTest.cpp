@@ -94,6 +94,7 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds time
 // sink once replaced is never called again.
 TEST(HostStressTest, ASinkReplacedWhileOtherThreadsLogIsNeverCalledAfterwards) {
   struct Capture {
+    std::atomic<bool> entered{false};
     std::atomic<bool> removed{false};
     std::atomic<int> lateCalls{0};
   };
@@ -107,22 +108,25 @@ TEST(HostStressTest, ASinkReplacedWhileOtherThreadsLogIsNeverCalledAfterwards) {
       }
     });
   }
-  int late = 0;
-  for (int i = 0; i < 100; ++i) {
-    auto capture = std::make_shared<Capture>();
+  std::vector<std::shared_ptr<Capture>> captures;
+  for (int i = 0; i < 50; ++i) {
+    auto capture = captures.emplace_back(std::make_shared<Capture>());
     core::QELLogging::setSink([capture](int, std::string_view, std::string_view) {
-      std::this_thread::sleep_for(200us);  // a sink that takes a while, as an application's may
+      capture->entered = true;
+      // A sink that takes a while, as an application's may: a replacement
+      // that does not wait for this call returns meanwhile.
+      for (int step = 0; step < 20 && !capture->removed; ++step) std::this_thread::sleep_for(100us);
       if (capture->removed) ++capture->lateCalls;
     });
-    std::this_thread::yield();
+    while (!capture->entered) std::this_thread::yield();
     core::QELLogging::setSink([](int, std::string_view, std::string_view) {});
     capture->removed = true;
-    std::this_thread::yield();
-    late += capture->lateCalls;
   }
   done = true;
   for (auto& writer : writers) writer.join();
   core::QELLogging::setSink({});
+  int late = 0;
+  for (const auto& capture : captures) late += capture->lateCalls;
   EXPECT_EQ(late, 0) << "a replaced sink was called after setSink() returned";
 }
 
