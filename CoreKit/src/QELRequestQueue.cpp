@@ -79,8 +79,7 @@ struct QELRequestQueue::State : std::enable_shared_from_this<State> {
 void QELRequestQueue::State::add(const std::shared_ptr<QELRequest>& request) {
   if (!request) return;
   if (request->isCancelled()) {
-    QELLogging::log("Ignoring a cancelled request for %s.", 4, kDomain,
-                    QELLogging::escaped(request->requestURL().value_or("")));
+    QELLogging::log("Ignoring a cancelled request for %s.", 4, kDomain, request->requestURL().value_or(""));
     return;
   }
   auto entry = std::make_shared<Entry>(request);
@@ -133,7 +132,7 @@ void QELRequestQueue::State::startAttempt(const std::shared_ptr<Entry>& entry) {
     return;
   }
 
-  QELLogging::log("Sending %s (attempt %d).", 5, kDomain, QELLogging::escaped(*url), entry->failures + 1);
+  QELLogging::log("Sending %s (attempt %d).", 5, kDomain, *url, entry->failures + 1);
   entry->starting = true;
   // A queue of no particular transport follows whatever is shared now.
   const auto attemptTransport = transport ? transport : RequestTransport::shared();
@@ -161,9 +160,8 @@ void QELRequestQueue::State::attemptDidComplete(const std::shared_ptr<Entry>& en
   if (result.error && entry->failures < entry->request->numberOfRetries()) {
     ++entry->failures;
     const auto delay = retryDelay(entry->failures);
-    QELLogging::log("Attempt %d for %s failed (%s); retrying in %d ms.", 4, kDomain,
-                    entry->failures, QELLogging::escaped(entry->request->requestURL().value_or("")),
-                    result.error->localizedDescription,
+    QELLogging::log("Attempt %d for %s failed (%s); retrying in %d ms.", 4, kDomain, entry->failures,
+                    entry->request->requestURL().value_or(""), result.error->localizedDescription,
                     static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(delay).count()));
     entry->phase = Entry::Phase::BackingOff;
     entry->retryCall =

@@ -2,10 +2,11 @@
 
 import ctypes
 import enum
+import functools
 import os
 import queue
 import threading
-from typing import Callable, Dict, List, NamedTuple, Optional, Tuple
+from typing import Any, Callable, Dict, List, NamedTuple, Optional, Tuple, TypeVar, cast
 
 # The library and the C API's types, loaded once per process.
 from ._library import CALLBACK as _CALLBACK, DISPATCH as _DISPATCH, LOG as _LOG, Size as _Size, lib as _lib
@@ -46,6 +47,14 @@ class Error(Exception):
         super().__init__(f"{what}: {self.code}")
 
 
+class ClosedError(Error, ValueError):
+    """A method of a client was called after its ``close()``."""
+
+    def __init__(self) -> None:
+        self.code = "CLOSED"
+        Exception.__init__(self, "the client is closed")
+
+
 def _check(code: int, what: str) -> None:
     if code != _OK:
         raise Error(code, what)
@@ -60,11 +69,30 @@ def service_version() -> str:
 
 
 class Picture(NamedTuple):
-    """A map picture: ``height`` rows of ``width`` RGBA pixels, packed."""
+    """A map picture: ``height`` rows of ``width`` RGBA pixels, packed.
+
+    ``pixels`` is a read-only memoryview of the library's decoded pixels, not
+    a copy (hand it to numpy, Pillow or a texture upload as it is); the
+    pixels live as long as the view, also after the client is closed.
+    ``tobytes()`` copies them when bytes are wanted."""
 
     width: int
     height: int
-    pixels: bytes
+    pixels: memoryview
+
+    def tobytes(self) -> bytes:
+        return self.pixels.tobytes()
+
+
+class _PictureReference:
+    """Holds one reference to a C picture; the memoryview's buffer keeps it."""
+
+    def __init__(self, handle: ctypes.c_void_p):
+        self.handle = handle
+
+    def __del__(self) -> None:
+        if _lib is not None:  # None at interpreter shutdown
+            _lib.qelmaps_picture_release(self.handle)
 
 
 def _size(size: _Size) -> Tuple[float, float]:
@@ -76,6 +104,37 @@ def _size(size: _Size) -> Tuple[float, float]:
 Handler = Callable[["Client", Event], None]
 
 
+# How many log callbacks run on this thread (the library's own, or one inside
+# a call of a client): close() there must not wait for the library.
+_calling = threading.local()
+# Queued for the callbacks thread: finish a close() that a log callback asked for.
+_CLOSE = object()
+
+
+_Method = TypeVar("_Method", bound=Callable[..., Any])
+
+
+def _holding(method: _Method) -> _Method:
+    """Runs ``method`` with the client's handle kept alive: close() waits until
+    it returns, and raises ClosedError once close() has begun."""
+
+    @functools.wraps(method)
+    def holding(self: "Client", *args: Any, **kwargs: Any) -> Any:
+        with self._lock:
+            if self._closed:
+                raise ClosedError()
+            self._users += 1
+        try:
+            return method(self, *args, **kwargs)
+        finally:
+            with self._lock:
+                self._users -= 1
+                if not self._users:
+                    self._idle.notify_all()
+
+    return cast(_Method, holding)
+
+
 class Client:
     """The broadcast map. Methods may be called from any thread.
 
@@ -84,8 +143,9 @@ class Client:
     map data is loaded as soon as the client exists, so its first events may
     come before an ``on()`` call that follows the constructor: pass
     ``handlers`` ({event: callback}) to hear them.
-    After ``close()`` returns no callback runs any more. Settings left out
-    fall back to the QEL_* environment variables.
+    After ``close()`` returns no callback runs any more, and every method
+    raises ClosedError; a call running on another thread finishes first.
+    Settings left out fall back to the QEL_* environment variables.
     """
 
     def __init__(self, host: Optional[str] = None, port: Optional[int] = None, ca_file: Optional[str] = None,
@@ -93,19 +153,18 @@ class Client:
                  log: Optional[Callable[[int, str, str], None]] = None,
                  handlers: "Optional[Dict[Event | str, Handler]]" = None):
         self._handlers: Dict[Event, List[Handler]] = {}
-        self._tasks: "queue.SimpleQueue[Optional[int]]" = queue.SimpleQueue()
+        self._tasks: "queue.SimpleQueue[object]" = queue.SimpleQueue()
         self._lock = threading.Lock()
+        self._idle = threading.Condition(self._lock)
+        self._users = 0  # methods running now, on any thread
+        self._closed = False
         for event, handler in (handlers or {}).items():
             self.on(event, handler)
         self._handle = ctypes.c_void_p()
         # ctypes trampolines must outlive every call the library may make.
         self._on_event = _CALLBACK(self._deliver)
         self._on_dispatch = _DISPATCH(lambda task, _: self._tasks.put(task))
-        self._on_log = None
-        if log is not None:
-            sink = log
-            self._on_log = _LOG(lambda level, domain, message, _: sink(level, domain.decode(errors="replace"),
-                                                                       message.decode(errors="replace")))
+        self._on_log = _LOG(functools.partial(self._log, log)) if log else None
         config = _lib.qelmaps_config_create()
         if not config:
             raise MemoryError
@@ -144,18 +203,32 @@ class Client:
         with self._lock:
             self._handlers.setdefault(event, []).append(handler)
 
+    def off(self, event: "Event | str", handler: "Handler") -> None:
+        """Stops calling ``handler`` for ``event``; one registration goes per call.
+        A handler that is not registered is ignored."""
+        event = Event(event)
+        with self._lock:
+            handlers = self._handlers.get(event, [])
+            if handler in handlers:
+                handlers.remove(handler)
+
+    @_holding
     def start(self) -> None:
         _check(_lib.qelmaps_client_start(self._live()), "start")
 
+    @_holding
     def stop(self) -> None:
         _check(_lib.qelmaps_client_stop(self._live()), "stop")
 
+    @_holding
     def choose_resolution(self, width: float, height: float) -> None:
         _check(_lib.qelmaps_client_choose_resolution(self._live(), width, height), "choose_resolution")
 
+    @_holding
     def clear_resolution(self) -> None:
         _check(_lib.qelmaps_client_clear_resolution(self._live()), "clear_resolution")
 
+    @_holding
     def resolutions(self) -> List[Tuple[float, float]]:
         """The sizes the server offers as (width, height), in its order; [] without map data."""
         handle, count = self._live(), ctypes.c_size_t()
@@ -166,6 +239,7 @@ class Client:
                 _check(code, "resolutions")
                 return [_size(sizes[i]) for i in range(count.value)]
 
+    @_holding
     def current_resolution(self) -> Optional[Tuple[float, float]]:
         size = _Size()
         code = _lib.qelmaps_client_current_resolution(self._live(), ctypes.byref(size))
@@ -182,39 +256,56 @@ class Client:
     def has_map_data(self) -> bool:
         return self._state()[1]
 
+    @_holding
     def picture(self) -> Optional[Picture]:
-        """The latest map picture (pixels copied into bytes), or None."""
+        """The latest map picture (its pixels shared, not copied), or None."""
         handle = ctypes.c_void_p()
         code = _lib.qelmaps_client_picture(self._live(), ctypes.byref(handle))
         if code == _NO_PICTURE:
             return None
         _check(code, "picture")
-        try:
-            width, height = _lib.qelmaps_picture_width(handle), _lib.qelmaps_picture_height(handle)
-            stride = _lib.qelmaps_picture_stride(handle)
-            data = ctypes.string_at(_lib.qelmaps_picture_pixels(handle), stride * height)
-            if stride != width * 4:
-                data = b"".join(data[row * stride:row * stride + width * 4] for row in range(height))
-            return Picture(width, height, data)
-        finally:
-            _lib.qelmaps_picture_release(handle)
+        reference = _PictureReference(handle)  # releases it when the last view goes
+        width, height = int(_lib.qelmaps_picture_width(handle)), int(_lib.qelmaps_picture_height(handle))
+        stride = int(_lib.qelmaps_picture_stride(handle))
+        rows = (ctypes.c_ubyte * (stride * height)).from_address(_lib.qelmaps_picture_pixels(handle))
+        rows._reference = reference  # type: ignore[attr-defined]
+        pixels = memoryview(rows).cast("B")
+        if stride != width * 4:  # padded rows: packed into a copy
+            pixels = memoryview(b"".join(pixels[row * stride:row * stride + width * 4] for row in range(height)))
+        return Picture(width, height, pixels.toreadonly())
 
     def close(self) -> None:
-        """Stops the map; no callback runs once this returns. Safe to call twice, and from a callback."""
+        """Stops the map; no callback runs once this returns. Safe to call twice, and from a callback.
+
+        From the log callback, which may run on the library's own thread, the
+        close is finished on the callbacks thread right after it returns."""
         with self._lock:
+            first, self._closed = not self._closed, True
+        if getattr(_calling, "log", 0):
+            if first:
+                self._tasks.put(_CLOSE)
+            return
+        self._finish()
+        if threading.current_thread() is not self._thread:
+            self._thread.join()
+
+    def _finish(self) -> None:
+        with self._lock:
+            self._idle.wait_for(lambda: self._users == 0)
             handle, self._handle = self._handle, ctypes.c_void_p()
         if handle:
-            _check(_lib.qelmaps_client_destroy(handle), "close")
+            code = _lib.qelmaps_client_destroy(handle)
             self._tasks.put(None)
-            if threading.current_thread() is not self._thread:
-                self._thread.join()
+            _check(code, "close")
 
+    # Only inside a @_holding method, which keeps the handle alive.
     def _live(self) -> ctypes.c_void_p:
         handle = self._handle
         if not handle:
-            raise ValueError("the client is closed")
+            raise ClosedError()
         return handle
 
+    @_holding
     def _state(self) -> Tuple[bool, bool]:
         receiving, has_map_data = ctypes.c_int(), ctypes.c_int()
         _check(_lib.qelmaps_client_state(self._live(), ctypes.byref(receiving), ctypes.byref(has_map_data)), "state")
@@ -227,14 +318,25 @@ class Client:
             task = self._tasks.get()
             if task is None:
                 break
-            _lib.qelmaps_task_run(task)
+            if self._closed:  # asked for by a log callback, or under way on another thread
+                self._finish()
+            if task is not _CLOSE:
+                _lib.qelmaps_task_run(task)
         while True:
             try:
                 task = self._tasks.get_nowait()
             except queue.Empty:
                 return
-            if task is not None:
+            if task is not None and task is not _CLOSE:
                 _lib.qelmaps_task_discard(task)
+
+    def _log(self, log: Callable[[int, str, str], None], level: int, domain: bytes, message: bytes,
+             _user_data: Optional[int]) -> None:
+        _calling.log = getattr(_calling, "log", 0) + 1
+        try:
+            log(level, domain.decode(errors="replace"), message.decode(errors="replace"))
+        finally:
+            _calling.log -= 1
 
     def _deliver(self, _client: Optional[int], event: int, _user_data: Optional[int]) -> None:
         if not 0 <= event < len(_EVENTS):

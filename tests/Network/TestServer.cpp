@@ -101,6 +101,11 @@ asio::awaitable<void> serve(std::shared_ptr<TestServer::State> state, std::share
     if (target == "/held") co_await waitFor(state->released);
     if (target.starts_with("/early"))
       co_await writeText(*connection, "HTTP/1.1 103 Early Hints\r\nLink: </a.css>\r\n\r\n");
+    if (target == "/redirect") {  // a Location that tries to forge log lines
+      co_await writeText(*connection,
+                         "HTTP/1.1 302 Found\r\nLocation: /moved\x1b[2J\x0b\x0c 1 FAKE\r\nContent-Length: 0\r\n\r\n");
+      continue;
+    }
     if (target.starts_with("/close")) {
       co_await writeText(*connection, "HTTP/1.1 200 OK\r\n\r\nbody of " + target);
       co_return co_await connection->stream.async_shutdown(use_awaitable);

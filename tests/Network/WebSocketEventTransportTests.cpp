@@ -83,6 +83,10 @@ TEST_F(WebSocketEventTransportTests, DeliversEventsDropsMalformedFramesAndReconn
   QELLogging::setSink(nullptr);
   for (const auto& line : lines) EXPECT_EQ(line.find_first_of("\n\x1b"), std::string::npos) << line;
   EXPECT_THAT(lines, ::testing::Contains(::testing::HasSubstr(R"(not json\n1 Forged.cpp ok)")));
+  // A burst of frames to drop is one line, not one per frame.
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const std::string& line) { return line.rfind("Dropped an event frame: ", 0) == 0; }),
+            1);
   EXPECT_THAT(lines, ::testing::Contains(::testing::HasSubstr(R"("bye\n1 Forged.cpp all is well\x1b[2J")")));
 
   // Only the close disconnected it, once.

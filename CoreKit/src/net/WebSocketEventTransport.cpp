@@ -143,6 +143,8 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   beast::flat_buffer buffer_;
   std::size_t messageSize_ = 0;
   bool oversized_ = false;
+  // A server may send frames to drop as fast as it likes.
+  QELRepeatedLines droppedFrames_;
   bool connected_ = false;
   bool ended_ = false;
 };
@@ -409,8 +411,9 @@ void WebSocketEventTransport::Session::onRead(const beast::error_code& error, st
   if (oversized_) buffer_.clear();
   if (ws_.is_message_done()) {
     if (oversized_) {
-      QELLogging::log("Dropped an event frame of %lu bytes: more than the %lu allowed.", 2, kDomain,
-                      static_cast<unsigned long>(messageSize_), static_cast<unsigned long>(options_.maximumFrameSize));
+      droppedFrames_.log("Dropped an event frame of %lu bytes: more than the %lu allowed.", 2, kDomain,
+                         static_cast<unsigned long>(messageSize_),
+                         static_cast<unsigned long>(options_.maximumFrameSize));
     } else {
       handleMessage();
     }
@@ -423,8 +426,8 @@ void WebSocketEventTransport::Session::onRead(const beast::error_code& error, st
 
 void WebSocketEventTransport::Session::handleMessage() {
   if (!ws_.got_text()) {
-    QELLogging::log("Dropped a binary event frame of %lu bytes: events are JSON text.", 2, kDomain,
-                    static_cast<unsigned long>(buffer_.size()));
+    droppedFrames_.log("Dropped a binary event frame of %lu bytes: events are JSON text.", 2, kDomain,
+                       static_cast<unsigned long>(buffer_.size()));
     return;
   }
   const std::string text = beast::buffers_to_string(buffer_.data());
@@ -445,8 +448,8 @@ void WebSocketEventTransport::Session::handleMessage() {
   }
   if (problem) {
     const std::size_t shown = std::min<std::size_t>(text.size(), 80);
-    QELLogging::log("Dropped an event frame: %s (%s%s)", 2, kDomain, problem,
-                    QELLogging::escaped(text.substr(0, shown)), shown < text.size() ? "..." : "");
+    droppedFrames_.log("Dropped an event frame: %s (%s%s)", 2, kDomain, problem, text.substr(0, shown),
+                       shown < text.size() ? "..." : "");
     return;
   }
   UserInfo info;

@@ -257,8 +257,7 @@ void QELBroadcastMapsController::receivedMapsdataEvent(const std::shared_ptr<cor
 void QELBroadcastMapsController::processEvent(const std::string& eventName, const UserInfo& data) {
   threadChecker_.check();
   QELLogging::log("%s called. Event name: %@. Data: %@", 4, kDomain,
-                  "-[_QELBroadcastMapsController processEvent:withData:]",
-                  core::QELLogging::escaped(eventName), data);
+                  "-[_QELBroadcastMapsController processEvent:withData:]", eventName, data);
 
   // Only "images" decides whether an event is valid; the name is not checked.
   const boost::json::value* images = data ? data->if_contains("images") : nullptr;

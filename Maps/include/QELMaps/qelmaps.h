@@ -260,8 +260,10 @@ QELMAPS_C_API qelmaps_error qelmaps_config_set_max_map_entries(qelmaps_config *c
 QELMAPS_C_API qelmaps_error qelmaps_config_set_log_threshold(qelmaps_config *config, int threshold);
 
 /* Routes the library's log lines to `callback` instead of standard error,
- * from qelmaps_client_create() until qelmaps_client_destroy() returns. A
- * NULL callback restores standard error. */
+ * from qelmaps_client_create() until qelmaps_client_destroy() returns; once
+ * it has returned the callback is never called again. A NULL callback
+ * restores standard error. Messages carry no control characters: those of
+ * the server's text come escaped ("\n", "\x1b"), as on standard error. */
 QELMAPS_C_API qelmaps_error qelmaps_config_set_log_callback(qelmaps_config *config,
                                                             qelmaps_log_callback callback,
                                                             void *user_data);
