@@ -11,7 +11,7 @@
 import asyncio
 from typing import Any, AsyncIterator, Callable, List, Optional, Tuple
 
-from ._client import Client, Event, Picture
+from ._client import Client, ClosedError, Event, Picture
 
 
 class AsyncClient:
@@ -88,7 +88,7 @@ class AsyncClient:
 
     def _live(self) -> Client:
         if self._client is None:
-            raise ValueError("the client is closed (or not entered with async with)")
+            raise ClosedError()  # closed, or not entered with async with
         return self._client
 
     def start(self) -> None:
