@@ -169,6 +169,21 @@ TEST_F(HttpsRequestTransportTests, ADeadFirstAddressCostsOnlyItsShortWindow) {
   }
 }
 
+TEST_F(HttpsRequestTransportTests, ManySilentAddressesShareOneBudget) {
+  // Twelve windows would reach the server after 3 s; the budget ends it first.
+  SilentAddresses addresses(server_.port(), 12);
+  QELConfiguration::set(addresses.configuration);
+  HttpsRequestTransport::Options options;
+  options.addressBudget = 1s;
+  useTransport(options);
+  const auto started = std::chrono::steady_clock::now();
+  image("/maps/1.png");
+  ASSERT_TRUE(waitForOutcomes(1));
+  EXPECT_EQ(delegate_->outcomes.back(), failed(NetworkErrorCode::Connect)) << delegate_->descriptions;
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+  EXPECT_TRUE(server_.requestTargets().empty());
+}
+
 TEST_F(HttpsRequestTransportTests, ConnectionsAreBoundedExpireWhenIdleAndResumeTls) {
   HttpsRequestTransport::Options options;
   options.maximumConnections = 2;

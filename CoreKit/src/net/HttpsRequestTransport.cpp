@@ -143,8 +143,15 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
       curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
     }
 
-    const auto connectTimeout =
+    auto connectTimeout =
         lastAddress ? options.connectTimeout : std::min(options.connectTimeout, options.addressWindow);
+    if (candidates_.size() > 1) {
+      // The addresses of one name share one budget for waiting, however many
+      // it lists; one that refuses at once costs next to nothing of it.
+      const auto left = options.addressBudget - silentTime_;
+      connectTimeout = std::clamp(left, std::chrono::milliseconds(1), connectTimeout);
+    }
+    attemptStarted_ = std::chrono::steady_clock::now();
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectTimeout.count()));
     // No total deadline: an attempt fails when nothing arrives for the
     // inactivity window. curl's own low-speed check averages over seconds,
@@ -239,7 +246,11 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
       curl_off_t connected = 0;
       curl_easy_getinfo(easy_, CURLINFO_CONNECT_TIME_T, &connected);
       const bool unreached = connected == 0 && (result == CURLE_COULDNT_CONNECT || result == CURLE_OPERATION_TIMEDOUT);
-      if (unreached && candidate_ + 1 < candidates_.size()) {
+      if (result == CURLE_OPERATION_TIMEDOUT) {
+        silentTime_ += std::chrono::ceil<std::chrono::milliseconds>(std::chrono::steady_clock::now() - attemptStarted_);
+      }
+      const bool budgetLeft = silentTime_ < options_.addressBudget;
+      if (unreached && candidate_ + 1 < candidates_.size() && budgetLeft) {
         QELLogging::log("GET %s: %s did not answer, trying the next address", 4, kDomain, url_,
                         candidates_[candidate_]);
         ++candidate_;
@@ -247,6 +258,13 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
         if (launch(&why)) return;
       }
       auto error = errorFor(result);
+      if (unreached && candidate_ + 1 < candidates_.size() && !budgetLeft) {
+        error = networkError(NetworkErrorCode::Connect,
+                             "addresses that did not answer used up the " +
+                                 std::to_string(options_.addressBudget.count()) + " ms allowed (" +
+                                 std::to_string(candidate_ + 1) + " of " + std::to_string(candidates_.size()) +
+                                 " tried)");
+      }
       releaseEasy();
       return fail(std::move(error));
     }
@@ -257,6 +275,11 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     char* redirect = nullptr;
     curl_easy_getinfo(easy_, CURLINFO_REDIRECT_URL, &redirect);
     const std::optional<std::string> location = redirect ? std::optional<std::string>(redirect) : std::nullopt;
+    // curl reads both forms of Retry-After (seconds or a date); 0 when absent.
+    curl_off_t retryAfterSeconds = 0;
+    curl_easy_getinfo(easy_, CURLINFO_RETRY_AFTER, &retryAfterSeconds);
+    std::optional<std::chrono::seconds> retryAfter;
+    if (retryAfterSeconds > 0) retryAfter = std::chrono::seconds(std::min<curl_off_t>(retryAfterSeconds, 86400));
     releaseEasy();
     if (status >= 300 && status < 400) {
       return fail(
@@ -265,7 +288,8 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     }
     if (status < 200 || status >= 300) {
       return fail(Error{kHTTPStatusErrorDomain, static_cast<int>(status),
-                        "the server answered with status " + std::to_string(status)});
+                        "the server answered with status " + std::to_string(status)},
+                  retryAfter);
     }
     QELLogging::log("GET %s: %d, %lu bytes on a %s connection", 4, kDomain, url_, static_cast<int>(status),
                     static_cast<unsigned long>(body_.size()), connects > 0 ? "new" : "kept-alive");
@@ -309,9 +333,9 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     }
   }
 
-  void fail(Error error) {
+  void fail(Error error, std::optional<std::chrono::seconds> retryAfter = std::nullopt) {
     QELLogging::log("GET %s failed: %s", 2, kDomain, url_, error.localizedDescription);
-    finish(TransportResult{std::move(error), {}});
+    finish(TransportResult{std::move(error), {}, retryAfter});
   }
 
   void finish(TransportResult result) {
@@ -332,6 +356,8 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
   std::unique_ptr<Resolver> resolver_;
   std::vector<std::string> candidates_;  // "host:port:address", one per address
   std::size_t candidate_ = 0;
+  std::chrono::steady_clock::time_point attemptStarted_{};
+  std::chrono::milliseconds silentTime_{};  // spent on addresses that never answered
   Slist resolveList_;
   Data body_;
   bool tooLarge_ = false;
