@@ -71,9 +71,9 @@ class EndToEndTest : public ::testing::Test {
 };
 
 TEST_F(EndToEndTest, FirstDataByRestThenByPushAndAChangeOfResolution) {
-  // Two failed map data answers are within the retries: nobody hears of them.
+  // A failed map data answer is within the retries: nobody hears of it.
   cabinsim::ServerOptions options;
-  options.faults.failRest = 2;
+  options.faults.failRest = 1;
   startServer(options);
   auto maps = startService(CGSize{800, 600});
 
@@ -131,6 +131,19 @@ TEST_F(EndToEndTest, ADroppedEventChannelReportsNoDataAndTheMapComesBack) {
   ASSERT_TRUE(waitFor([&] { return server().eventClientCount() == 1; }));
   server().tick();
   ASSERT_TRUE(waitFor([&] { return maps->mapImage() != nullptr; }));
+}
+
+// The map data service is down for 7.5 s while the event channel stays up,
+// so nothing else would load the map data again: the retries outlast it.
+TEST_F(EndToEndTest, AMapDataOutageWhileTheEventChannelStaysUpCostsNoMap) {
+  cabinsim::ServerOptions options;
+  options.faults.failRestForSeconds = 7.5;
+  startServer(options);
+  auto maps = startService();
+  ASSERT_TRUE(waitFor([&] { return server().eventClientCount() == 1; }));
+  ASSERT_TRUE(RunLoop::current().runUntil([&] { return maps->mapImage() != nullptr || app_->count(kError) > 0; }, 45s));
+  EXPECT_NE(maps->mapImage(), nullptr);
+  EXPECT_EQ(app_->count(kError), 0u);
 }
 
 // The cabin's name lists 1,265 loopback addresses where nothing listens
