@@ -4,6 +4,9 @@
 #include <qel/core/net/HttpsRequestTransport.h>
 #include <qel/core/net/NetworkError.h>
 
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+
 namespace qel::core::net::testing {
 namespace {
 
@@ -74,6 +77,23 @@ TEST_F(HttpsRequestTransportTests, AnswersOtherThanSuccessWithinTheSizeLimitFail
             (std::vector<std::string>{"status 404", failed(NetworkErrorCode::Redirect),
                                       failed(NetworkErrorCode::TooLarge), std::to_string(1024 * 1024 + 1) + " bytes"}))
       << delegate_->descriptions;
+}
+
+// 64 MiB of zeros gzipped, as a transfer coding (which curl would inflate
+// unasked, up to the picture's cap) and as a content coding: refused at the
+// header, so the process's peak memory does not move.
+TEST_F(HttpsRequestTransportTests, CodingsNeverAskedForAreRefusedBeforeAnythingIsInflated) {
+  rusage before{};
+  getrusage(RUSAGE_SELF, &before);
+  image("/gzip-bomb.png");
+  image("/gzip-bomb");
+  ASSERT_TRUE(waitForOutcomes(2));
+  rusage after{};
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_EQ(delegate_->outcomes, (std::vector<std::string>{failed(NetworkErrorCode::Io), failed(NetworkErrorCode::Io)}))
+      << delegate_->descriptions;
+  EXPECT_THAT(delegate_->descriptions, ::testing::HasSubstr("not asked for (Transfer-Encoding: gzip)"));
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 4 * 1024) << "KiB more at the peak";
 }
 
 TEST_F(HttpsRequestTransportTests, OnlyTheCabinHostCertifiedByTheTrustedAuthorityIsReached) {

@@ -10,6 +10,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -197,9 +198,45 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
   }
 
  private:
-  static std::size_t onHeader(char*, std::size_t, std::size_t size, void* context) {
-    static_cast<CurlAttempt*>(context)->lastActivity_ = std::chrono::steady_clock::now();
+  static std::size_t onHeader(char* data, std::size_t, std::size_t size, void* context) {
+    auto& attempt = *static_cast<CurlAttempt*>(context);
+    attempt.lastActivity_ = std::chrono::steady_clock::now();
+    if (auto coding = unaskedCoding(std::string_view(data, size))) {
+      attempt.unaskedCoding_ = std::move(*coding);
+      return 0;  // aborts the transfer before any of the body arrives
+    }
     return size;
+  }
+
+  // We ask for no coding, so the only ones an answer may carry are
+  // "identity" and, for the transfer, "chunked". curl would inflate a gzip
+  // transfer coding on its own, far beyond what was sent, before the body's
+  // cap could stop it; a content coding it would hand over still compressed,
+  // which no caller could read.
+  static std::optional<std::string> unaskedCoding(std::string_view line) {
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos) return std::nullopt;
+    const auto name = line.substr(0, colon);
+    const bool transfer = equalsIgnoringCase(name, "Transfer-Encoding");
+    if (!transfer && !equalsIgnoringCase(name, "Content-Encoding")) return std::nullopt;
+    std::string_view values = line.substr(colon + 1);
+    while (!values.empty()) {
+      const auto comma = values.find(',');
+      auto value = values.substr(0, comma);
+      values = comma == std::string_view::npos ? std::string_view() : values.substr(comma + 1);
+      const auto first = value.find_first_not_of(" \t\r\n");
+      if (first == std::string_view::npos) continue;
+      value = value.substr(first, value.find_last_not_of(" \t\r\n") - first + 1);
+      if (equalsIgnoringCase(value, "identity") || (transfer && equalsIgnoringCase(value, "chunked"))) continue;
+      return std::string(name) + ": " + std::string(value);
+    }
+    return std::nullopt;
+  }
+
+  static bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+      return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+    });
   }
 
   static int onProgress(void* context, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
@@ -300,6 +337,12 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     std::string detail = errorText_[0] ? std::string(errorText_) : std::string(curl_easy_strerror(result));
     switch (result) {
       case CURLE_WRITE_ERROR:
+        if (!unaskedCoding_.empty()) {
+          return networkError(NetworkErrorCode::Io,
+                              "the answer uses a coding that was not asked for (" +
+                                  QELLogging::escaped(unaskedCoding_) + ")");
+        }
+        [[fallthrough]];
       case CURLE_FILESIZE_EXCEEDED:
         if (result == CURLE_FILESIZE_EXCEEDED || tooLarge_) {
           return networkError(NetworkErrorCode::TooLarge,
@@ -361,6 +404,7 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
   Slist resolveList_;
   Data body_;
   bool tooLarge_ = false;
+  std::string unaskedCoding_;  // the header that ended the transfer, if one did
   std::chrono::milliseconds inactivityTimeout_{};
   std::chrono::steady_clock::time_point lastActivity_{};
   curl_off_t received_ = 0;
