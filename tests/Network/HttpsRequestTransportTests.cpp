@@ -77,6 +77,19 @@ TEST_F(HttpsRequestTransportTests, AnswersOtherThanSuccessWithinTheSizeLimitFail
             (std::vector<std::string>{"status 404", failed(NetworkErrorCode::Redirect),
                                       failed(NetworkErrorCode::TooLarge), std::to_string(1024 * 1024 + 1) + " bytes"}))
       << delegate_->descriptions;
+
+  // The server's Retry-After reaches the queue, in either form (a day at most).
+  auto transport = useTransport();
+  const std::pair<const char*, std::optional<std::chrono::seconds>> cases[] = {
+      {"7", 7s}, {"date", 24h}, {"soon", std::nullopt}};
+  for (const auto& [value, expected] : cases) {
+    std::optional<TransportResult> result;
+    auto request = QELRESTRequest::requestWithDelegate<ServiceRequest>(delegate_);
+    request->url = std::string("https://127.0.0.1/status/503?retry-after=") + value;
+    auto operation = transport->start(*request, [&](TransportResult r) { result = std::move(r); });
+    ASSERT_TRUE(runUntil([&] { return result.has_value(); }));
+    EXPECT_EQ(result->retryAfter, expected) << value;
+  }
 }
 
 // 64 MiB of zeros gzipped, as a transfer coding (which curl would inflate

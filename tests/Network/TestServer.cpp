@@ -163,6 +163,10 @@ asio::awaitable<void> serve(std::shared_ptr<TestServer::State> state, std::share
     }
     http::response<http::string_body> response(http::status::ok, 11, "body of " + target);
     if (target.starts_with("/status/")) response.result(std::stoi(target.substr(8)));
+    if (const auto at = target.find("?retry-after="); at != std::string::npos) {
+      const auto value = target.substr(at + 13);
+      response.set(http::field::retry_after, value == "date" ? "Thu, 01 Jan 2037 00:00:00 GMT" : value);
+    }
     if (target.starts_with("/big")) response.body().assign(1024 * 1024 + 1, 'x');
     response.prepare_payload();
     co_await http::async_write(connection->stream, response, use_awaitable);
