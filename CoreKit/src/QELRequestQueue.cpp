@@ -74,6 +74,7 @@ struct QELRequestQueue::State : std::enable_shared_from_this<State> {
   std::vector<std::shared_ptr<Entry>> active;  // running or waiting to retry
   bool pumpPosted = false;
   std::uint64_t nextAttempt = 1;
+  std::mt19937 random{std::random_device{}()};
 };
 
 void QELRequestQueue::State::add(const std::shared_ptr<QELRequest>& request) {
@@ -159,7 +160,7 @@ void QELRequestQueue::State::attemptDidComplete(const std::shared_ptr<Entry>& en
 
   if (result.error && entry->failures < entry->request->numberOfRetries()) {
     ++entry->failures;
-    const auto delay = retryDelay(entry->failures);
+    const auto delay = retryDelay(entry->failures, result.retryAfter, random);
     QELLogging::log("Attempt %d for %s failed (%s); retrying in %d ms.", 4, kDomain, entry->failures,
                     entry->request->requestURL().value_or(""), result.error->localizedDescription,
                     static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(delay).count()));
@@ -262,10 +263,17 @@ std::size_t QELRequestQueue::operationCount() const {
   return state_->waiting.size() - state_->cancelledWaiting + state_->active.size();
 }
 
-RunLoop::Duration QELRequestQueue::retryDelay(int attempt) {
-  const int doublings = std::clamp(attempt, 1, 16) - 1;
-  return std::chrono::duration_cast<RunLoop::Duration>(std::chrono::milliseconds(500) *
-                                                       (1LL << doublings));
+RunLoop::Duration QELRequestQueue::retryDelay(int retry, std::optional<std::chrono::seconds> retryAfter,
+                                              std::mt19937& random) {
+  using Milliseconds = std::chrono::milliseconds;
+  Milliseconds bound = kFirstRetryDelay;
+  for (int step = 1; step < retry && bound < kMaximumRetryDelay; ++step) bound *= kRetryDelayGrowth;
+  bound = std::min<Milliseconds>(bound, kMaximumRetryDelay);
+  std::uniform_int_distribution<Milliseconds::rep> distribution(bound.count() * 3 / 4, bound.count());
+  Milliseconds delay(distribution(random));
+  // A server that says when it will be back is taken at its word, within reason.
+  if (retryAfter) delay = std::max<Milliseconds>(delay, std::clamp<Milliseconds>(*retryAfter, {}, kMaximumRetryAfter));
+  return std::chrono::duration_cast<RunLoop::Duration>(delay);
 }
 
 }  // namespace qel::core

@@ -151,7 +151,7 @@ TEST_F(ControllerTest, RestFailureClearsTheRecordButAnUnreadableBodyKeepsIt) {
     EXPECT_EQ(requests().attempts()[openRest().front()].url, "https:/skelion/services/maps/v1/flight_map");
     answer(core::QELRequest::Kind::REST, std::nullopt);
     EXPECT_EQ(controller->mapInfo(), attempt < 3 ? record : nullptr) << "after attempt " << attempt;
-    advance(10);
+    advance(30);  // the longest wait before a retry
   }
   EXPECT_EQ(observer->seen.size(), 2u);
   EXPECT_EQ(logged(4, "-[_QELBroadcastMapsController requestDidFail:withError:] called."), 1u);

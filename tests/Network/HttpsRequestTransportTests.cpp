@@ -6,6 +6,7 @@
 #include <qel/core/net/NetworkError.h>
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 
@@ -122,6 +123,41 @@ TEST_F(HttpsRequestTransportTests, AnswersOtherThanSuccessWithinTheSizeLimitFail
     EXPECT_TRUE(std::none_of(line.begin(), line.end(), [](char c) { return (c >= 0 && c < 0x20) || c == 0x7f; }))
         << line;
   }
+
+  // The server's Retry-After reaches the queue, in either form (a day at most).
+  auto transport = useTransport();
+  const std::pair<const char*, std::optional<std::chrono::seconds>> cases[] = {
+      {"7", 7s}, {"date", 24h}, {"soon", std::nullopt}};
+  for (const auto& [value, expected] : cases) {
+    std::optional<TransportResult> result;
+    auto request = QELRESTRequest::requestWithDelegate<ServiceRequest>(delegate_);
+    request->url = std::string("https://127.0.0.1/status/503?retry-after=") + value;
+    auto operation = transport->start(*request, [&](TransportResult r) { result = std::move(r); });
+    ASSERT_TRUE(runUntil([&] { return result.has_value(); }));
+    EXPECT_EQ(result->retryAfter, expected) << value;
+  }
+}
+
+// 64 MiB of zeros gzipped, as a transfer coding (which curl would inflate
+// unasked, up to the picture's cap) and as a content coding: refused at the
+// header, so the process's peak memory grows by far less than the picture's
+// cap (it grew by 37 MiB when the transfer coding was inflated).
+TEST_F(HttpsRequestTransportTests, CodingsNeverAskedForAreRefusedBeforeAnythingIsInflated) {
+  image("/maps/1.png");  // a connection and TLS set up before measuring
+  ASSERT_TRUE(waitForOutcomes(1));
+  delegate_->outcomes.clear();
+  rusage before{};
+  getrusage(RUSAGE_SELF, &before);
+  image("/gzip-bomb.png");
+  image("/gzip-bomb");
+  ASSERT_TRUE(waitForOutcomes(2));
+  rusage after{};
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_EQ(delegate_->outcomes, (std::vector<std::string>{failed(NetworkErrorCode::Io), failed(NetworkErrorCode::Io)}))
+      << delegate_->descriptions;
+  EXPECT_THAT(delegate_->descriptions, ::testing::HasSubstr("not asked for (Transfer-Encoding: gzip)"));
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, static_cast<long>(QELImageDownloadRequest::kMaximumResponseSize / 1024))
+      << "KiB more at the peak";
 }
 
 TEST_F(HttpsRequestTransportTests, OnlyTheCabinHostCertifiedByTheTrustedAuthorityIsReached) {
@@ -215,6 +251,21 @@ TEST_F(HttpsRequestTransportTests, ADeadFirstAddressCostsOnlyItsShortWindow) {
     EXPECT_EQ(delegate_->outcomes.back(), "body of /maps/1.png") << delegate_->descriptions;
     EXPECT_LT(std::chrono::steady_clock::now() - started, 1500ms);
   }
+}
+
+TEST_F(HttpsRequestTransportTests, ManySilentAddressesShareOneBudget) {
+  // Twelve windows would reach the server after 3 s; the budget ends it first.
+  SilentAddresses addresses(server_.port(), 12);
+  QELConfiguration::set(addresses.configuration);
+  HttpsRequestTransport::Options options;
+  options.addressBudget = 1s;
+  useTransport(options);
+  const auto started = std::chrono::steady_clock::now();
+  image("/maps/1.png");
+  ASSERT_TRUE(waitForOutcomes(1));
+  EXPECT_EQ(delegate_->outcomes.back(), failed(NetworkErrorCode::Connect)) << delegate_->descriptions;
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+  EXPECT_TRUE(server_.requestTargets().empty());
 }
 
 TEST_F(HttpsRequestTransportTests, ConnectionsAreBoundedExpireWhenIdleAndResumeTls) {

@@ -130,6 +130,24 @@ TEST_F(WebSocketEventTransportTests, ADeadFirstAddressCostsOnlyItsHeadStart) {
   EXPECT_EQ(addresses.dns.questions().size(), 2u);  // A and AAAA for named.test
 }
 
+TEST_F(WebSocketEventTransportTests, ARaceOverManySilentAddressesHoldsFewDescriptors) {
+  SilentAddresses addresses(server_.port(), 12);
+  WebSocketEventTransport::Options options;
+  options.maximumAttempts = 4;
+  options.attemptDelay = 100ms;
+  options.configuration = addresses.configuration;
+  const long before = openDescriptors();
+  long peak = before;
+  manager().setTransport(std::make_unique<WebSocketEventTransport>(std::move(options)));
+  manager().addTarget(listener_, &Listener::receive, QELServiceEventClientConnected);
+  ASSERT_TRUE(runUntil([&] {
+    peak = std::max(peak, openDescriptors());
+    return !listener_->names.empty();
+  }));
+  // The attempts allowed at once and the connection's own socket.
+  EXPECT_LE(peak - before, 4 + 1);
+}
+
 // A cabin's devices all lose the server in the same instant when it restarts;
 // their own random waits must spread the attempts that follow, or the server
 // comes back to a wave of handshakes. Each device's waits stay within the
