@@ -2,6 +2,7 @@
 
 #include <QMetaObject>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 namespace qel {
@@ -20,11 +21,19 @@ QImage sharedImage(const std::shared_ptr<const Image>& image) {
       new std::shared_ptr<const Image>(image));
 }
 
-QSize toQSize(CGSize size) {
-  return {static_cast<int>(std::lround(size.width)), static_cast<int>(std::lround(size.height))};
+// Rounded to the nearest int, or the nearest end of int's range: converting
+// a double beyond it, as a server can make one, is undefined.
+int wholePixels(CGFloat value) {
+  if (std::isnan(value)) return 0;
+  const double rounded = std::round(value);
+  if (rounded >= double(std::numeric_limits<int>::max())) return std::numeric_limits<int>::max();
+  if (rounded <= double(std::numeric_limits<int>::min())) return std::numeric_limits<int>::min();
+  return static_cast<int>(rounded);
 }
 
 }  // namespace
+
+QSize QtBroadcastMaps::pixelSize(CGSize size) { return {wholePixels(size.width), wholePixels(size.height)}; }
 
 QtBroadcastMaps::QtBroadcastMaps(QObject* parent) : QObject(parent) {
   QELBroadcastMapsHost::Options options;
@@ -46,12 +55,12 @@ QtBroadcastMaps::~QtBroadcastMaps() = default;
 QList<QSize> QtBroadcastMaps::resolutions() const {
   QList<QSize> sizes;
   sizes.reserve(static_cast<qsizetype>(snapshot_->resolutions.size()));
-  for (const CGSize& size : snapshot_->resolutions) sizes.append(toQSize(size));
+  for (const CGSize& size : snapshot_->resolutions) sizes.append(pixelSize(size));
   return sizes;
 }
 
 QSize QtBroadcastMaps::resolution() const {
-  return snapshot_->currentResolution ? toQSize(*snapshot_->currentResolution) : QSize();
+  return snapshot_->currentResolution ? pixelSize(*snapshot_->currentResolution) : QSize();
 }
 
 void QtBroadcastMaps::start() {

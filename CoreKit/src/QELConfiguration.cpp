@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
+#include <mutex>
 
 namespace qel::core {
 namespace {
@@ -20,9 +22,21 @@ constexpr long kDefaultMaxMapEntries = 256;
 // 1 GiB decoded: more would not fit a passenger device anyway.
 constexpr long kLargestMaxPixels = 256l * 1024 * 1024;
 
-QELConfiguration& applicationConfiguration() {
-  static auto* const configuration = new QELConfiguration;
-  return *configuration;
+// What the application set, and what was last resolved from it and the
+// environment. The application may set it on its own thread while a loop
+// thread reads it, hence the lock; never destroyed, so that a service kept
+// in a static can still read it at exit.
+struct Settings {
+  std::mutex mutex;
+  QELConfiguration application;
+  std::shared_ptr<const QELConfiguration> resolved;
+  // Counts set() and reread(), so that a reading they overtook is not kept.
+  std::uint64_t generation = 0;
+};
+
+Settings& settings() {
+  static auto* const instance = new Settings;
+  return *instance;
 }
 
 // The variable's text; empty when unset or set to nothing.
@@ -48,10 +62,20 @@ std::optional<long> environmentInteger(const char* name, long minimum, long maxi
   return value;
 }
 
+// Fills in what the application left open, reading the environment; an
+// unusable value is logged here, so once per reading.
+QELConfiguration withFallbacks(QELConfiguration result);
+
 }  // namespace
 
 void QELConfiguration::set(const QELConfiguration& configuration) {
-  applicationConfiguration() = configuration;
+  {
+    auto& shared = settings();
+    const std::lock_guard lock(shared.mutex);
+    shared.application = configuration;
+    shared.resolved = nullptr;
+    ++shared.generation;
+  }
   // Only an explicit threshold is applied, so that a test's or a tool's
   // setting survives an application that leaves it open.
   if (configuration.logThreshold) QELLogging::setThreshold(*configuration.logThreshold);
@@ -60,8 +84,36 @@ void QELConfiguration::set(const QELConfiguration& configuration) {
 // GCC 12 bug 80635: a bogus -Wmaybe-uninitialized inside libstdc++ when
 // optimising the copy of an engaged std::optional<std::string>.
 QEL_GCC_IGNORE_BEGIN("-Wmaybe-uninitialized")
-QELConfiguration QELConfiguration::effective() {
-  QELConfiguration result = applicationConfiguration();
+void QELConfiguration::reread() {
+  auto& shared = settings();
+  const std::lock_guard lock(shared.mutex);
+  shared.resolved = nullptr;
+  ++shared.generation;
+}
+
+std::shared_ptr<const QELConfiguration> QELConfiguration::current() {
+  auto& shared = settings();
+  QELConfiguration application;
+  std::uint64_t generation = 0;
+  {
+    const std::lock_guard lock(shared.mutex);
+    if (shared.resolved) return shared.resolved;
+    application = shared.application;
+    generation = shared.generation;
+  }
+  // Resolved without the lock: a log sink may be application code.
+  auto resolved = std::make_shared<const QELConfiguration>(withFallbacks(std::move(application)));
+  const std::lock_guard lock(shared.mutex);
+  // A set() in the meantime made this reading stale: it serves this caller only.
+  if (!shared.resolved && shared.generation == generation) shared.resolved = resolved;
+  return resolved;
+}
+
+QELConfiguration QELConfiguration::effective() { return *current(); }
+
+namespace {
+
+QELConfiguration withFallbacks(QELConfiguration result) {
   if (!result.host || result.host->empty()) result.host = environmentText("QEL_SKELION_HOSTNAME");
   if (!result.port) {
     const auto port = environmentInteger("QEL_SKELION_PORT", 1, 65535);
@@ -91,10 +143,12 @@ QELConfiguration QELConfiguration::effective() {
   }
   return result;
 }
+
+}  // namespace
 QEL_GCC_IGNORE_END
 
 std::optional<std::string> QELHostname::skelionHostname() {
-  auto host = QELConfiguration::effective().host;
+  auto host = QELConfiguration::current()->host;
   if (host && host->empty()) return std::nullopt;
   return host;
 }

@@ -286,7 +286,7 @@ void QELBroadcastMaps::downloadImage() {
 
 void QELBroadcastMaps::setMapImage(std::shared_ptr<const Image> mapImage) {
   auto old = std::exchange(mapImage_, std::move(mapImage));
-  mapImageBytes_.clear();
+  mapImageDigest_.reset();
   // Announced only when the picture itself differs: a download of the same
   // map is not news for the application.
   if (mapImage_ && old && (mapImage_ == old || *mapImage_ == *old)) return;
@@ -300,10 +300,11 @@ void QELBroadcastMaps::requestDidFinish(const std::shared_ptr<core::QELRequest>&
   QELLogging::log("%s called.", 4, kDomain, "-[_QELBroadcastMaps requestDidFinish:withData:]");
   // The shown picture's own bytes cannot decode to anything else: no decode,
   // and nothing changes.
-  if (mapImage_ && data == mapImageBytes_) return;
+  auto digest = core::sha256(data);
+  if (mapImage_ && digest && digest == mapImageDigest_) return;
   // Bytes that do not decode clear the picture: showing a stale map as if it
   // were current would be worse.
-  const std::uint64_t budget = *core::QELConfiguration::effective().maxPixels;
+  const std::uint64_t budget = *core::QELConfiguration::current()->maxPixels;
   Image::Refusal refusal;
   auto image = Image::fromData(data, budget, &refusal);
   if (refusal.overBudget) {
@@ -312,7 +313,7 @@ void QELBroadcastMaps::requestDidFinish(const std::shared_ptr<core::QELRequest>&
   }
   const bool decoded = image != nullptr;
   setMapImage(std::move(image));
-  if (decoded) mapImageBytes_ = data;
+  if (decoded) mapImageDigest_ = digest;
 }
 
 void QELBroadcastMaps::requestDidFail(const std::shared_ptr<core::QELRequest>&, const Error&) {

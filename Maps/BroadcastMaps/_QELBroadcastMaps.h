@@ -10,6 +10,7 @@
 #include <qel/Notification.h>
 #include <qel/ThreadChecker.h>
 #include <qel/Timer.h>
+#include <qel/core/Digest.h>
 #include <qel/core/QELRequest.h>
 #include <qel/core/QELRequestQueue.h>
 
@@ -111,8 +112,9 @@ class QELBroadcastMaps : public Object,
   MapInfo mapInfo_;
   std::shared_ptr<core::QELImageDownloadRequest> imageRequest_;
   std::shared_ptr<const Image> mapImage_;
-  // The downloaded bytes mapImage_ was decoded from; empty when unknown.
-  Data mapImageBytes_;
+  // The digest of the downloaded bytes mapImage_ was decoded from, so that
+  // the same bytes again are not decoded; none when unknown.
+  std::optional<core::Sha256Digest> mapImageDigest_;
   std::shared_ptr<QELBroadcastMapsResolution> currentResolution_;
   std::optional<KeyList> lastKnownResolutions_;
   std::optional<std::string> lastKnownImageURL_;

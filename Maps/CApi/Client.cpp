@@ -182,6 +182,15 @@ qelmaps_error qelmaps_client_state(qelmaps_client* client, int* receiving, int* 
   return QELMAPS_OK;
 }
 
+qelmaps_error qelmaps_client_map_data(qelmaps_client* client, qelmaps_map_data* map_data) {
+  if (!client || !map_data) return QELMAPS_ERROR_NULL_ARGUMENT;
+  const auto snapshot = client->snapshot();
+  *map_data = snapshot->hasMapData     ? QELMAPS_MAP_DATA_LISTED
+              : snapshot->hasMapRecord ? QELMAPS_MAP_DATA_EMPTY
+                                       : QELMAPS_MAP_DATA_NONE;
+  return QELMAPS_OK;
+}
+
 qelmaps_error qelmaps_client_picture(qelmaps_client* client, qelmaps_picture** picture) {
   if (!client || !picture) return QELMAPS_ERROR_NULL_ARGUMENT;
   auto image = client->snapshot()->image;

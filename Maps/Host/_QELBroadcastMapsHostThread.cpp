@@ -31,7 +31,7 @@ std::optional<QELBroadcastMapsHostEvent> eventNamed(std::string_view name) {
 // Equal in everything the application reads; the version is not compared.
 bool sameState(const QELBroadcastMapsSnapshot& a, const QELBroadcastMapsSnapshot& b) {
   return a.image == b.image && a.resolutions == b.resolutions && a.currentResolution == b.currentResolution &&
-         a.receiving == b.receiving && a.hasMapData == b.hasMapData;
+         a.receiving == b.receiving && a.hasMapData == b.hasMapData && a.hasMapRecord == b.hasMapRecord;
 }
 
 }  // namespace
@@ -121,6 +121,7 @@ void QELBroadcastMapsHostThread::publish(std::optional<QELBroadcastMapsHostEvent
 QELBroadcastMapsSnapshot QELBroadcastMapsHostThread::makeSnapshot() const {
   QELBroadcastMapsSnapshot snapshot;
   snapshot.image = service_->mapImage();
+  snapshot.hasMapRecord = service_->broadcastMaps()->mapInfo() != nullptr;
   if (const auto resolutions = service_->availableResolutions()) {
     snapshot.resolutions.reserve(resolutions->size());
     for (const auto& resolution : *resolutions) snapshot.resolutions.push_back(resolution->CGSize());

@@ -7,6 +7,9 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <locale.h>
+#include <limits>
 
 namespace qel {
 namespace {
@@ -23,6 +26,22 @@ std::string describeDouble(double number) {
 
 std::string describeObject(const boost::json::object& object) {
   return boost::json::serialize(object);
+}
+
+// A double rounded to single precision. C++ leaves the conversion of a value
+// beyond float's range undefined, and a server can send 1e39, so the overflow
+// is decided here, as round-to-nearest decides it and whatever the rounding
+// mode: from halfway between the largest float and 2^128 on the nearest
+// float is infinity, below that it is the largest float.
+float singlePrecision(double number) {
+  constexpr double kLargest = std::numeric_limits<float>::max();
+  constexpr double kHalfwayToInfinity = 0x1.ffffffp127;
+  if (std::isnan(number)) return std::numeric_limits<float>::quiet_NaN();
+  const double magnitude = std::fabs(number);
+  if (magnitude <= kLargest) return static_cast<float>(number);
+  const float bound = magnitude >= kHalfwayToInfinity ? std::numeric_limits<float>::infinity()
+                                                      : std::numeric_limits<float>::max();
+  return std::signbit(number) ? -bound : bound;
 }
 
 // The longest prefix of `text` (after leading white space) that reads as a
@@ -54,9 +73,11 @@ float parseLeadingFloat(std::string_view text) {
   float value = 0;
   const auto result = std::from_chars(text.data() + start, text.data() + i, value);
   if (result.ec == std::errc::result_out_of_range) {
-    // from_chars leaves the value alone on overflow; strtof's answer is
-    // HUGE_VALF or zero, which is what a reader of the text would expect.
-    value = std::strtof(std::string(text.substr(start, i - start)).c_str(), nullptr);
+    // from_chars leaves the value alone when it is beyond float's range or
+    // too small for it; read as a double (in the C locale, whatever the
+    // application set), it is converted as any number is.
+    static const locale_t cLocale = ::newlocale(LC_ALL_MASK, "C", nullptr);
+    value = singlePrecision(::strtod_l(std::string(text.substr(start, i - start)).c_str(), nullptr, cLocale));
   }
   return negative ? -value : value;
 }
@@ -90,12 +111,13 @@ std::string describe(const boost::json::value* value) {
 float floatValue(const boost::json::value* value) {
   if (!value) return 0;
   switch (value->kind()) {
+    // Every 64-bit integer lies within float's range.
     case boost::json::kind::int64:
       return static_cast<float>(value->get_int64());
     case boost::json::kind::uint64:
       return static_cast<float>(value->get_uint64());
     case boost::json::kind::double_:
-      return static_cast<float>(value->get_double());
+      return singlePrecision(value->get_double());
     case boost::json::kind::string:
       return parseLeadingFloat(value->get_string());
     case boost::json::kind::bool_:

@@ -119,3 +119,7 @@ class AsyncClient:
     @property
     def has_map_data(self) -> bool:
         return self._live().has_map_data
+
+    @property
+    def map_data(self) -> str:
+        return self._live().map_data

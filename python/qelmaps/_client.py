@@ -256,6 +256,18 @@ class Client:
     def has_map_data(self) -> bool:
         return self._state()[1]
 
+    @property
+    def map_data(self) -> str:
+        """The map data held: "listed" (pictures to show), "empty" (the server answered with none,
+        not an error) or "none" (no answer yet, or the server out of reach: what ERROR announces)."""
+        return self._map_data()
+
+    @_holding
+    def _map_data(self) -> str:
+        state = ctypes.c_int()
+        _check(_lib.qelmaps_client_map_data(self._live(), ctypes.byref(state)), "map_data")
+        return ("none", "empty", "listed")[state.value]
+
     @_holding
     def picture(self) -> Optional[Picture]:
         """The latest map picture (its pixels shared, not copied), or None."""

@@ -79,6 +79,7 @@ def _load() -> ctypes.CDLL:
         "qelmaps_client_resolutions": (e, [p, ctypes.POINTER(Size), s, ctypes.POINTER(s)]),
         "qelmaps_client_current_resolution": (e, [p, ctypes.POINTER(Size)]),
         "qelmaps_client_state": (e, [p, ctypes.POINTER(i), ctypes.POINTER(i)]),
+        "qelmaps_client_map_data": (e, [p, ctypes.POINTER(i)]),
         "qelmaps_client_picture": (e, [p, ctypes.POINTER(p)]),
         "qelmaps_picture_release": (None, [p]),
         "qelmaps_picture_width": (s, [p]),

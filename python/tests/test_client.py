@@ -44,13 +44,13 @@ def test_receives_the_chosen_picture_and_the_resolutions_until_the_server_stops(
         assert picture.tobytes() == bytes(picture.pixels)
         assert client.resolutions() == [(1024, 768), (800, 600), (400, 300)]
         assert client.current_resolution() == (800, 600)
-        assert client.receiving and client.has_map_data
+        assert client.receiving and client.has_map_data and client.map_data == "listed"
         assert qelmaps.service_version() == "03.19.02.00" and qelmaps.version().count(".") == 2
         with pytest.raises(qelmaps.Error, match="INVALID_ARGUMENT"):
             client.choose_resolution(0, 600)
         process.terminate()
         wait_for(received, qelmaps.ERROR)
-        assert not client.has_map_data
+        assert not client.has_map_data and client.map_data == "none"
         assert client.resolutions() == []
     with pytest.raises(qelmaps.ClosedError):
         client.start()

@@ -115,6 +115,7 @@ TEST(CApiArgumentsTest, NullHandlesAndOutOfRangeValuesAreErrorsNotCrashes) {
   qelmaps_size size{};
   std::size_t count = 0;
   int flag = 0;
+  qelmaps_map_data mapData{};
   qelmaps_picture* picture = nullptr;
   qelmaps_config* config = qelmaps_config_create();
   ASSERT_NE(config, nullptr);
@@ -127,7 +128,8 @@ TEST(CApiArgumentsTest, NullHandlesAndOutOfRangeValuesAreErrorsNotCrashes) {
         qelmaps_client_start(nullptr), qelmaps_client_stop(nullptr),
         qelmaps_client_choose_resolution(nullptr, 1024, 768), qelmaps_client_clear_resolution(nullptr),
         qelmaps_client_resolutions(nullptr, &size, 1, &count), qelmaps_client_current_resolution(nullptr, &size),
-        qelmaps_client_state(nullptr, &flag, &flag), qelmaps_client_picture(nullptr, &picture),
+        qelmaps_client_state(nullptr, &flag, &flag), qelmaps_client_map_data(nullptr, &mapData),
+        qelmaps_client_picture(nullptr, &picture),
         qelmaps_config_set_ca_pem(nullptr, "p", 1), qelmaps_config_set_dns_servers(nullptr, "127.0.0.1"),
         qelmaps_config_add_resolve(nullptr, "h:1:127.0.0.1"), qelmaps_config_set_max_pixels(nullptr, 1),
         qelmaps_config_set_max_map_entries(nullptr, 1), qelmaps_config_set_ca_pem(config, nullptr, 1),
@@ -212,6 +214,9 @@ TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThreadWhichMa
   int receiving = 0, hasMapData = 0;
   EXPECT_EQ(qelmaps_client_state(client_, &receiving, &hasMapData), QELMAPS_OK);
   EXPECT_EQ(receiving + hasMapData, 2);
+  qelmaps_map_data mapData{};
+  EXPECT_EQ(qelmaps_client_map_data(client_, &mapData), QELMAPS_OK);
+  EXPECT_EQ(mapData, QELMAPS_MAP_DATA_LISTED);
 
   ASSERT_EQ(qelmaps_client_clear_resolution(client_), QELMAPS_OK);
   ASSERT_TRUE(recorder_.waitFor([&] {
@@ -223,6 +228,8 @@ TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThreadWhichMa
   ASSERT_TRUE(recorder_.waitForEvent(QELMAPS_EVENT_ERROR));
   EXPECT_EQ(qelmaps_client_state(client_, nullptr, &hasMapData), QELMAPS_OK);
   EXPECT_EQ(hasMapData, 0);
+  EXPECT_EQ(qelmaps_client_map_data(client_, &mapData), QELMAPS_OK);
+  EXPECT_EQ(mapData, QELMAPS_MAP_DATA_NONE);
   EXPECT_EQ(qelmaps_client_resolutions(client_, nullptr, 0, &count), QELMAPS_OK);
   EXPECT_EQ(count, 0u);
 
@@ -242,6 +249,31 @@ TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThreadWhichMa
 
   // Another client may be made once the first is gone.
   ASSERT_EQ(qelmaps_client_create(config_, &client_), QELMAPS_OK);
+}
+
+TEST_F(CApiTest, AMapRecordWithoutPicturesIsNoErrorAndToldApartFromNone) {
+  cabinsim::ServerOptions options;
+  options.resolutions.clear();
+  qel::testing::Simulator empty(qel::testing::Simulator::ticked(options));
+  ASSERT_EQ(qelmaps_config_set_port(config_, *empty.configuration().port), QELMAPS_OK);
+  ASSERT_EQ(qelmaps_config_set_ca_file(config_, empty.caFile().c_str()), QELMAPS_OK);
+  ASSERT_EQ(qelmaps_client_create(config_, &client_), QELMAPS_OK);
+  ASSERT_TRUE(recorder_.waitForEvent(QELMAPS_EVENT_AVAILABLE_RESOLUTIONS_DID_CHANGE));
+  qelmaps_map_data mapData{};
+  int hasMapData = 1;
+  EXPECT_EQ(qelmaps_client_map_data(client_, &mapData), QELMAPS_OK);
+  EXPECT_EQ(mapData, QELMAPS_MAP_DATA_EMPTY);
+  EXPECT_EQ(qelmaps_client_state(client_, nullptr, &hasMapData), QELMAPS_OK);
+  EXPECT_EQ(hasMapData, 0);
+  {
+    std::lock_guard lock(recorder_.mutex);
+    EXPECT_EQ(std::count(recorder_.events.begin(), recorder_.events.end(), QELMAPS_EVENT_ERROR), 0);
+  }
+
+  empty.stop();
+  ASSERT_TRUE(recorder_.waitForEvent(QELMAPS_EVENT_ERROR));
+  EXPECT_EQ(qelmaps_client_map_data(client_, &mapData), QELMAPS_OK);
+  EXPECT_EQ(mapData, QELMAPS_MAP_DATA_NONE);
 }
 
 TEST_F(CApiTest, DispatchedDeliveriesRunOnTheApplicationThreadWhichMayDestroyTheClient) {

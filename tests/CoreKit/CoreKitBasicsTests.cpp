@@ -101,6 +101,7 @@ TEST_F(QELConfigurationTest, EnvironmentFillsWhatTheApplicationLeftOpen) {
   ::setenv("QEL_CA_FILE", "/etc/cabin-ca.pem", 1);
   ::setenv("QEL_EVENT_PATH", "/events", 1);
   ::setenv("QEL_LOG_LEVEL", "4", 1);
+  QELConfiguration::reread();  // as a new service does
   auto c = QELConfiguration::effective();
   EXPECT_EQ(c.host, "cabin.env");
   EXPECT_EQ(c.port, 8443);
@@ -123,6 +124,8 @@ TEST_F(QELConfigurationTest, EnvironmentFillsWhatTheApplicationLeftOpen) {
   QELConfiguration::set(app);
   EXPECT_EQ(QELHostname::skelionHostname(), "cabin.env");
   ::setenv("QEL_SKELION_HOSTNAME", "", 1);
+  EXPECT_EQ(QELHostname::skelionHostname(), "cabin.env") << "the environment is read once";
+  QELConfiguration::reread();
   EXPECT_EQ(QELHostname::skelionHostname(), std::nullopt);
 }
 
@@ -134,9 +137,12 @@ TEST_F(QELConfigurationTest, InvalidEnvironmentValuesFallBackToTheDefaultsWithAL
   EXPECT_EQ(c.port, 443);
   EXPECT_EQ(c.eventPath, "/skelion/events");
   EXPECT_EQ(c.logThreshold, 3);
-  EXPECT_EQ(env_.logsContaining("QEL_EVENT_PATH").size(), 1u);
+  EXPECT_EQ(QELConfiguration::current()->port, 443);
+  EXPECT_EQ(env_.logsContaining("QEL_EVENT_PATH").size(), 1u) << "logged once however often read";
   ::setenv("QEL_SKELION_PORT", "70000", 1);
+  QELConfiguration::reread();
   EXPECT_EQ(QELConfiguration::effective().port, 443);
+  EXPECT_EQ(env_.logsContaining("QEL_SKELION_PORT").size(), 2u);
 }
 
 }  // namespace

@@ -68,6 +68,7 @@ struct Observed {
       // Deliveries keep the order of the changes they announce.
       if (snapshot->version <= lastVersion.exchange(snapshot->version)) ++outOfOrder;
       if (snapshot->hasMapData == snapshot->resolutions.empty()) ++inconsistent;
+      if (snapshot->hasMapData && !snapshot->hasMapRecord) ++inconsistent;
       if (event == Event::Error) {
         ++errors;
         if (snapshot->hasMapData) ++inconsistent;

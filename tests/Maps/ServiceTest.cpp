@@ -15,8 +15,11 @@
 #include <qel/NotificationQueue.h>
 #include <qel/core/QELNotifications.h>
 
+#include <malloc.h>
+
 #include <fstream>
 #include <map>
+#include <random>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -45,6 +48,24 @@ std::string engineSourceLine(int number) {
   std::string line;
   for (int i = 0; i < number && std::getline(source, line); ++i) {}
   return line;
+}
+
+// Bytes the allocator hands out now; 0 under a sanitizer, whose allocator
+// glibc does not see.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define QEL_SANITIZED_HEAP 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define QEL_SANITIZED_HEAP 1
+#endif
+#endif
+std::size_t liveHeapBytes() {
+#ifdef QEL_SANITIZED_HEAP
+  return 0;
+#else
+  const auto info = ::mallinfo2();
+  return info.uordblks + info.hblkhd;
+#endif
 }
 
 class ServiceTest : public MapsTest {
@@ -298,6 +319,20 @@ TEST_F(ServiceTest, DownloadsAndAnnouncesOnlyPicturesThatDiffer) {
   answerImage(Data(4, 'x'));
   expectPosted({kImage});
 
+  // The shown picture is kept decoded, not also as the bytes it came from
+  // (noise: its PNG is as large as its pixels).
+  std::mt19937 noise(7);
+  Data rgba(512 * 512 * 4);
+  for (auto& byte : rgba) byte = static_cast<std::uint8_t>(noise());
+  const auto large = Image::fromRGBA(512, 512, std::move(rgba))->pngRepresentation();
+  push({imageEntry(800, 600, "/maps/large.png")});
+  const auto heapBefore = liveHeapBytes();
+  answerImage(large);
+  ASSERT_NE(service->mapImage(), nullptr);
+  if (heapBefore) {
+    EXPECT_LT(liveHeapBytes() - heapBefore, large.size() * 3 / 2);
+  }
+
   auto limited = core::QELConfiguration::effective();
   limited.maxPixels = 47;
   core::QELConfiguration::set(limited);
@@ -307,6 +342,31 @@ TEST_F(ServiceTest, DownloadsAndAnnouncesOnlyPicturesThatDiffer) {
                    "-[_QELBroadcastMaps requestDidFinish:withData:] Picture refused: its header "
                    "declares 8x6 pixels, more than the 47 allowed."),
             1u);
+}
+
+TEST_F(ServiceTest, AnUnusableLimitInTheEnvironmentIsReadAndToldOncePerService) {
+  struct UnusableLimits {
+    UnusableLimits() {
+      ::setenv("QEL_MAX_PIXELS", "lots", 1);
+      ::setenv("QEL_MAX_MAP_ENTRIES", "-1", 1);
+    }
+    ~UnusableLimits() {
+      ::unsetenv("QEL_MAX_PIXELS");
+      ::unsetenv("QEL_MAX_MAP_ENTRIES");
+    }
+  } limits;
+  auto service = serviceWithData({imageEntry(8, 6, "/maps/1.png")});
+  service->start();
+  for (std::uint8_t update = 2; update < 5; ++update) {
+    push({imageEntry(8, 6, boost::json::string("/maps/" + std::to_string(update) + ".png"))});
+    answerImage(pngBytes(8, 6, update));
+  }
+  ASSERT_NE(service->mapImage(), nullptr) << "the default limits apply";
+  EXPECT_EQ(env_.logsContaining("Ignoring QEL_MAX_PIXELS").size(), 1u);
+  EXPECT_EQ(env_.logsContaining("Ignoring QEL_MAX_MAP_ENTRIES").size(), 1u);
+  auto other = QELBroadcastMapsV1::create();
+  push({imageEntry(8, 6, "/maps/5.png")});
+  EXPECT_EQ(env_.logsContaining("Ignoring QEL_MAX_MAP_ENTRIES").size(), 2u) << "a new service reads afresh";
 }
 
 TEST_F(ServiceTest, FailedDownloadsRetryEveryFiveSecondsOnlyWhileConnected) {

@@ -9,6 +9,8 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
+#include <cfenv>
+#include <cmath>
 #include <cstdint>
 #include <limits>
 
@@ -49,11 +51,41 @@ TEST(PlatformFormat, FloatValueReadsNumbersAndLeadingDecimals) {
       {true, 1.0f},
       {nullptr, 0.0f},
       {boost::json::array{1}, 0.0f},
+      {std::numeric_limits<std::uint64_t>::max(), 0x1p64f},  // any integer is within float's range
+      {std::numeric_limits<std::int64_t>::min(), -0x1p63f},
   };
   for (const auto& [value, expected] : cases) {
     EXPECT_EQ(floatValue(&value), expected) << boost::json::serialize(value);
   }
   EXPECT_EQ(floatValue(nullptr), 0.0f);
+
+  // Numbers beyond float's range, as a server may send them: converted as
+  // round-to-nearest converts them, whatever rounding mode the application
+  // left in force (a plain cast would be undefined, and on this hardware
+  // follows the mode).
+  constexpr float kInf = std::numeric_limits<float>::infinity();
+  constexpr float kLargest = std::numeric_limits<float>::max();
+  constexpr double kHalfway = 0x1.ffffffp127;  // between the largest float and 2^128
+  const std::pair<boost::json::value, float> beyond[] = {
+      {boost::json::parse("1e39"), kInf},
+      {boost::json::parse("-1e39"), -kInf},
+      {boost::json::parse("1e400"), kInf},  // the parser's own overflow
+      {std::numeric_limits<double>::max(), kInf},
+      {kHalfway, kInf},
+      {std::nextafter(kHalfway, 0.0), kLargest},
+      {-3.4028235e38, -kLargest},
+      {"1e39", kInf},
+      {"-1e39px", -kInf},
+  };
+  const int mode = std::fegetround();
+  for (const int rounding : {FE_TONEAREST, FE_TOWARDZERO, FE_DOWNWARD}) {
+    std::fesetround(rounding);
+    for (const auto& [value, expected] : beyond) {
+      const float read = floatValue(&value);
+      EXPECT_EQ(read, expected) << boost::json::serialize(value) << " in rounding mode " << rounding;
+    }
+  }
+  std::fesetround(mode);
 }
 
 TEST(PlatformFormat, StringWithFormatHandlesTheConversionsAndMismatches) {

@@ -8,6 +8,8 @@
 #include <qel/core/QELLogging.h>
 
 #include <QApplication>
+#include <cmath>
+#include <limits>
 #include <QTest>
 #include <QThread>
 
@@ -103,6 +105,16 @@ TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilThe
   ASSERT_TRUE(served);
   EXPECT_EQ(kept, QImage(served->pixels().data(), int(served->width()), int(served->height()), QImage::Format_RGBA8888))
       << "the picture differs from the served one";
+}
+
+TEST(QtBroadcastMapsTest, ServerSizesOfAnyMagnitudeBecomeWholePixels) {
+  constexpr double kInf = std::numeric_limits<double>::infinity();
+  constexpr int kMax = std::numeric_limits<int>::max(), kMin = std::numeric_limits<int>::min();
+  using qel::QtBroadcastMaps;
+  EXPECT_EQ(QtBroadcastMaps::pixelSize({1024.5, 767.4}), QSize(1025, 767));
+  EXPECT_EQ(QtBroadcastMaps::pixelSize({1e39, -1e39}), QSize(kMax, kMin));
+  EXPECT_EQ(QtBroadcastMaps::pixelSize({kInf, -kInf}), QSize(kMax, kMin));
+  EXPECT_EQ(QtBroadcastMaps::pixelSize({3e9, std::nan("")}), QSize(kMax, 0));
 }
 
 }  // namespace

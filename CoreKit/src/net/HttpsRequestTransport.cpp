@@ -417,8 +417,8 @@ std::shared_ptr<TransportOperation> HttpsRequestTransport::start(const QELReques
     return operation;
   };
 
-  const QELConfiguration configuration =
-      options_.configuration ? *options_.configuration : QELConfiguration::effective();
+  const auto resolved = options_.configuration ? nullptr : QELConfiguration::current();
+  const QELConfiguration& configuration = options_.configuration ? *options_.configuration : *resolved;
   auto decision = policy_.resolve(request, configuration);
   if (!decision.endpoint) {
     QELLogging::log("Request not sent: %s", 2, kDomain, decision.refusal);

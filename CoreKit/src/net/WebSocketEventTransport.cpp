@@ -175,8 +175,8 @@ bool WebSocketEventTransport::Channel::isCurrent(const Session* session) const {
 }
 
 void WebSocketEventTransport::Channel::connect() {
-  const QELConfiguration configuration =
-      options_.configuration ? *options_.configuration : QELConfiguration::effective();
+  const auto resolved = options_.configuration ? nullptr : QELConfiguration::current();
+  const QELConfiguration& configuration = options_.configuration ? *options_.configuration : *resolved;
   if (!configuration.host || configuration.host->empty()) {
     if (!toldNoHost_) {
       toldNoHost_ = true;

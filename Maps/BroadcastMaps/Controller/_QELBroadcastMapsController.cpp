@@ -149,7 +149,7 @@ std::string_view invalidImagesReason(const boost::json::array& images) {
 // Why a record of this many entries is refused, or empty when it is not:
 // each entry costs every engine work, and a server is not to decide how much.
 std::string tooManyEntries(std::size_t entries) {
-  const std::size_t limit = *core::QELConfiguration::effective().maxMapEntries;
+  const std::size_t limit = *core::QELConfiguration::current()->maxMapEntries;
   if (entries <= limit) return {};
   return stringWithFormat("the record would hold %d entries, more than the %d allowed", entries, limit);
 }

@@ -39,6 +39,11 @@ struct QELBroadcastMapsSnapshot {
   // The cabin server answered with a map record that lists at least one
   // picture.
   bool hasMapData = false;
+  // There is a map record at all, also one that lists no picture (the server
+  // answered, with nothing to show). Without one (no answer yet, a failed
+  // load, the event channel down) the service reports an error; with an
+  // empty one it does not.
+  bool hasMapRecord = false;
 };
 
 }  // namespace qel

@@ -347,8 +347,29 @@ QELMAPS_C_API qelmaps_error qelmaps_client_current_resolution(qelmaps_client *cl
 
 /* Writes 1 to *receiving between start and stop, else 0; writes 1 to
  * *has_map_data while the server answers with a map record that lists a
- * picture, else 0. Either pointer may be NULL (not both). */
+ * picture, else 0 (qelmaps_client_map_data() tells the two cases of 0
+ * apart). Either pointer may be NULL (not both). */
 QELMAPS_C_API qelmaps_error qelmaps_client_state(qelmaps_client *client, int *receiving, int *has_map_data);
+
+/* What the client holds of the cabin server's map data. */
+typedef enum qelmaps_map_data {
+  /* No map record: none loaded yet, the last load failed, or the event
+   * channel went down. QELMAPS_EVENT_ERROR announces this state. */
+  QELMAPS_MAP_DATA_NONE = 0,
+  /* The server answered with a map record that lists no picture: nothing
+   * to show, and not an error. */
+  QELMAPS_MAP_DATA_EMPTY = 1,
+  /* The map record lists at least one picture (has_map_data is 1). */
+  QELMAPS_MAP_DATA_LISTED = 2,
+  /* Not a value: makes the enum span every int (see qelmaps_error). */
+  QELMAPS_MAP_DATA_ENUM_WIDTH_ = -0x7fffffff - 1
+} qelmaps_map_data;
+
+/* Writes to *map_data which of the states above the client is in, from the
+ * same moment as the other read functions (inside a callback: the one the
+ * callback announces). Any thread, also inside a callback; nothing to free.
+ * Errors: NULL_ARGUMENT (client or map_data). */
+QELMAPS_C_API qelmaps_error qelmaps_client_map_data(qelmaps_client *client, qelmaps_map_data *map_data);
 
 /* Writes a new reference to the latest map picture to *picture; release it
  * with qelmaps_picture_release(). The pixels are shared, not copied, and

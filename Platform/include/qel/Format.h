@@ -22,9 +22,10 @@ namespace qel {
 QEL_EXPORT std::string describe(const boost::json::value* value);
 inline std::string describe(const boost::json::value& value) { return describe(&value); }
 
-// A value read as a 32-bit float: a number rounded to single precision, a
-// string parsed like a leading decimal number (0 when there is none), true 1,
-// anything else (missing included) 0.
+// A value read as a 32-bit float: a number rounded to single precision (one
+// beyond float's range gives infinity of its sign, as round-to-nearest does,
+// whatever the rounding mode), a string parsed like a leading decimal number
+// (0 when there is none), true 1, anything else (missing included) 0.
 QEL_EXPORT float floatValue(const boost::json::value* value);
 
 // "a/b/c.cpp" -> "c.cpp".

@@ -55,6 +55,10 @@ class QtBroadcastMaps : public QObject {
   bool hasMapData() const { return snapshot_->hasMapData; }
   // Everything the properties above show, as the host published it.
   const QELBroadcastMapsHost::Snapshot& snapshot() const { return snapshot_; }
+  // A size of the snapshot in whole pixels, as resolutions() and
+  // resolution() give it: rounded, and held within what a QSize can carry
+  // (a server may send 1e39 or more; NaN counts as 0).
+  static QSize pixelSize(CGSize size);
 
  public slots:
   void start();

@@ -771,9 +771,6 @@ std::uint16_t Server::start() {
   if (s.running) {
     return s.port;
   }
-  if (s.options.resolutions.empty()) {
-    throw std::runtime_error("no resolutions configured");
-  }
   if (!(s.options.intervalSeconds > 0)) {
     throw std::runtime_error("the interval must be positive");
   }

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -48,8 +49,15 @@ struct QEL_EXPORT QELConfiguration {
   // Replaces the application's settings (the log threshold is applied now).
   static void set(const QELConfiguration& configuration);
   // The settings in force, with the fallbacks filled in (host and caFile may
-  // still be empty).
+  // still be empty). The environment is read, and an unusable value in it
+  // logged, once: the result is kept until set() or reread(), so that the
+  // map data and every picture do not read it again.
+  static std::shared_ptr<const QELConfiguration> current();
+  // A copy of current(), for changing and setting again.
   static QELConfiguration effective();
+  // Reads the environment again at the next current(): each new service
+  // calls it, so that a service reads it once.
+  static void reread();
 };
 
 class QEL_EXPORT QELHostname {

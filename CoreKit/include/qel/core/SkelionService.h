@@ -12,8 +12,8 @@ class QEL_EXPORT SkelionService : public Object {
  protected:
   SkelionService() = default;
   // The base initialiser; a subclass's factory calls it first and gives up
-  // when it fails.
-  bool init() { return true; }
+  // when it fails. A new service reads the configuration afresh, once.
+  bool init();
 };
 
 }  // namespace qel::core

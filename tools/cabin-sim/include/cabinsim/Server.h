@@ -37,7 +37,7 @@ struct ServerOptions {
   std::string certFile;               // with keyFile: serve this identity instead of a throw-away one
   std::string keyFile;
   double intervalSeconds = 5.0;       // between two map updates
-  std::vector<Resolution> resolutions = {{1024, 768}, {800, 600}, {400, 300}};
+  std::vector<Resolution> resolutions = {{1024, 768}, {800, 600}, {400, 300}};  // none: a map without pictures
   FaultOptions faults;
   std::uint64_t seed = 20240611;      // for the fault probabilities; fixed so runs repeat
 };

@@ -60,7 +60,7 @@ class HttpsRequestTransport : public RequestTransport {
     // Connections kept open per run loop, in use or idle.
     long maximumConnections = kMaximumConnections;
     UrlPolicy::Options urlPolicy;
-    // Used instead of QELConfiguration::effective() when set.
+    // Used instead of QELConfiguration::current() when set.
     std::optional<QELConfiguration> configuration;
   };
 

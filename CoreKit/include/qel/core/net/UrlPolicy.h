@@ -35,7 +35,7 @@ struct Endpoint {
 // Threading: none; a value type.
 //
 //   UrlPolicy policy;
-//   auto decision = policy.resolve(request, QELConfiguration::effective());
+//   auto decision = policy.resolve(request, *QELConfiguration::current());
 //   if (!decision.endpoint) log(decision.refusal);
 class UrlPolicy {
  public:

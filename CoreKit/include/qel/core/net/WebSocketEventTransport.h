@@ -67,7 +67,7 @@ class WebSocketEventTransport : public EventTransport {
     std::chrono::steady_clock::duration maximumBackoff = kMaximumBackoff;
     std::chrono::steady_clock::duration healthyAfter = kHealthyAfter;
     std::size_t maximumFrameSize = kMaximumFrameSize;
-    // Used instead of QELConfiguration::effective() when set.
+    // Used instead of QELConfiguration::current() when set.
     std::optional<QELConfiguration> configuration;
   };
 
