@@ -53,16 +53,16 @@ void QtMapItem::geometryChange(const QRectF& newGeometry, const QRectF& oldGeome
 void QtMapItem::setPlaceholder(const QString& text) {
   if (placeholder_ == text) return;
   placeholder_ = text;
-  if (image_.isNull()) {
-    imageChanged_ = true;
-    update();
-  }
-  emit placeholderChanged();
+  placeholderDidChange();
 }
 
 void QtMapItem::setPlaceholderColor(const QColor& color) {
   if (placeholderColor_ == color) return;
   placeholderColor_ = color;
+  placeholderDidChange();
+}
+
+void QtMapItem::placeholderDidChange() {
   if (image_.isNull()) {
     imageChanged_ = true;
     update();

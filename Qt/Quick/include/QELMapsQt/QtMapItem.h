@@ -73,6 +73,7 @@ class QtMapItem : public QQuickItem {
   void show(const QImage& image);
   // The placeholder text drawn once into an image, uploaded like a picture.
   QImage placeholderImage() const;
+  void placeholderDidChange();
 
   QPointer<QtBroadcastMaps> maps_;
   QMetaObject::Connection connection_;
