@@ -140,6 +140,9 @@ TEST_F(GoldenLog, ScenarioLogsWhatTheGoldenFileSays) {
   service->broadcastMaps()->broadcastMapsController()->reloadData();
   answerRest({imageEntry(640, 480, nullptr), imageEntry(800, 600, "/a.png")});
 
+  // The event's name is only logged, never checked.
+  service->broadcastMaps()->broadcastMapsController()->processEvent(
+      "any.other.name", std::make_shared<const boost::json::object>(updateInfo({imageEntry(400, 300, "/b.png")})));
   // Events that are refused, and one that is dropped silently.
   push({{"other", 1}});
   push({{"images", 5}});

@@ -116,6 +116,9 @@ struct Resolution {
 struct Posted {
   std::string name;
   int sender;  // engine number (internal) or service number (application)
+  // What an observer of the internal centre reads of the sending engine at
+  // that moment: receiving or not, and whether it holds a picture.
+  std::string state;
   bool operator==(const Posted&) const = default;
 };
 
@@ -469,7 +472,7 @@ class World {
   // MARK: The internal centre and the application's queue
 
   void post(const char* name, int sender) {
-    internalLog.push_back({name, sender});
+    internalLog.push_back({name, sender, stateOf(sender)});
     // The first observer: the driver's recorder, which cuts endless exchanges.
     if (std::string(name) == kStop && ++stopPosts_ > kStopExchangeCap) throw StopExchangeCut{};
     const auto snapshot = registrations_;
@@ -488,12 +491,18 @@ class World {
         } release{this, registration.engine};
         post(kStop, registration.engine);
       } else if (engine.serviceAlive && sender == registration.engine) {
-        const Posted relayed{name, registration.engine};
+        const Posted relayed{name, registration.engine, ""};
         bool waiting = false;
         for (const auto& queued : appQueue_) waiting = waiting || queued == relayed;
         if (!waiting) appQueue_.push_back(relayed);
       }
     }
+  }
+
+  std::string stateOf(int sender) const {
+    if (sender < 0) return "";
+    return std::string(engines[sender].shouldDownloadImages ? "receiving" : "idle") +
+           (engines[sender].mapImage ? "+picture" : "");
   }
 
   // MARK: Queues and the clock

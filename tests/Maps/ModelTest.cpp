@@ -119,12 +119,20 @@ class Harness {
     core::qelInternalCenter().addObserver(
         internalObserver_,
         [this](const Notification& n) {
-          internal_.push_back({n.name(), senderId(n.sender().get())});
+          const int sender = senderId(n.sender().get());
+          std::string state;
+          if (sender >= 0) {
+            const auto engine = engines_[sender].lock();
+            state = std::string(engine->shouldDownloadImages() ? "receiving" : "idle") +
+                    (engine->mapImage() ? "+picture" : "");
+          }
+          internal_.push_back({n.name(), sender, state});
           if (n.name() == model::kStop && ++stopPosts_ > World::kStopExchangeCap) throw World::StopExchangeCut{};
         },
         {});
     NotificationCenter::defaultCenter().addObserver(
-        appObserver_, [this](const Notification& n) { app_.push_back({n.name(), serviceId(n.sender().get())}); }, {});
+        appObserver_, [this](const Notification& n) { app_.push_back({n.name(), serviceId(n.sender().get()), ""}); },
+        {});
   }
 
   // Runs one step on both; returns what differs afterwards, if anything.
@@ -316,7 +324,6 @@ class Harness {
         const auto open = openOf(core::QELRequest::Kind::REST);
         if (open.empty()) return;
         env_.requests().fail(open.front());
-        drain();
         model_.failRest();
         break;
       }
@@ -329,7 +336,6 @@ class Harness {
         if (step.c % 3 == 1) bytes.insert(bytes.end(), 16, 0);  // the same picture in other bytes
         if (step.c % 3 == 2) bytes = Data(4, 'x'), decoded.reset();
         env_.requests().finish(open.front(), bytes);
-        drain();
         model_.answerImage(decoded);
         break;
       }
@@ -337,7 +343,6 @@ class Harness {
         const auto open = openOf(core::QELRequest::Kind::ImageDownload);
         if (open.empty()) return;
         env_.requests().fail(open.front());
-        drain();
         model_.failImage();
         break;
       }
@@ -358,13 +363,16 @@ class Harness {
         break;
       }
     }
+    // The application hears of it once the current callout has ended, never
+    // during the call that caused it.
+    if (!app_.empty() && step.op != Op::Advance) synchronous_ = true;
     drain();
   }
 
   template <class T>
   static std::string show(const T& list) {
     std::ostringstream out;
-    for (const auto& item : list) out << " " << item.name << "@" << item.sender;
+    for (const auto& item : list) out << " " << item.name << "@" << item.sender << (item.state.empty() ? "" : "/") << item.state;
     return "[" + out.str() + " ]";
   }
   static std::string show(const std::vector<std::string>& list) {
@@ -378,6 +386,7 @@ class Harness {
     auto expect = [&](bool same, const std::string& what) {
       if (!same) diff << what << "\n";
     };
+    expect(!std::exchange(synchronous_, false), "the application was notified during the call");
     expect(internal_ == model_.internalLog,
            "internal centre: framework " + show(internal_) + " model " + show(model_.internalLog));
     expect(app_ == model_.appLog, "application: framework " + show(app_) + " model " + show(model_.appLog));
@@ -432,6 +441,7 @@ class Harness {
                      (*list)[i]->height() == double((*expected)[i].second);
       }
       expect(sameList, who + "available resolutions differ");
+      if (list) expect(service->availableResolutions()->front() != list->front(), who + "the same list twice");
       const auto current = service->currentResolution();
       expect(modelOf(current) == modelled.currentResolution, who + "current resolution differs");
       const auto image = service->mapImage();
@@ -470,6 +480,7 @@ class Harness {
   std::shared_ptr<Object> outsider_ = std::make_shared<NotificationRecorder>();
   std::vector<model::Posted> internal_, app_;
   int stopPosts_ = 0;
+  bool synchronous_ = false;
   std::size_t attemptsSeen_ = 0;
   std::vector<std::shared_ptr<QELBroadcastMapsV1>> services_;
   std::vector<const Object*> serviceAddresses_;
@@ -502,7 +513,8 @@ std::optional<std::string> firstDifference(const std::vector<Step>& steps) {
   return difference;
 }
 
-// Drops steps one at a time while the sequence still fails.
+// Drops steps, then images of the payloads, one at a time while the
+// sequence still fails.
 std::vector<Step> shrink(std::vector<Step> steps) {
   for (bool progress = true; progress;) {
     progress = false;
@@ -514,6 +526,18 @@ std::vector<Step> shrink(std::vector<Step> steps) {
         progress = true;
       } else {
         ++i;
+      }
+    }
+    for (auto& step : steps) {
+      for (std::size_t i = 0; i < step.images.size();) {
+        const auto image = step.images[i];
+        step.images.erase(step.images.begin() + static_cast<std::ptrdiff_t>(i));
+        if (firstDifference(steps)) {
+          progress = true;
+        } else {
+          step.images.insert(step.images.begin() + static_cast<std::ptrdiff_t>(i), image);
+          ++i;
+        }
       }
     }
   }
