@@ -6,6 +6,7 @@
 #include "MapsTestSupport.h"
 
 #include "BroadcastMaps/Controller/_QELBroadcastMapsController.h"
+#include "BroadcastMaps/_QELBroadcastMaps.h"
 
 #include <QELMaps/QELMaps.h>
 
@@ -13,7 +14,9 @@
 #include <qel/NotificationQueue.h>
 #include <qel/core/QELNotifications.h>
 
+#include <functional>
 #include <sstream>
+#include <thread>
 
 namespace qel::testing {
 namespace {
@@ -84,6 +87,41 @@ TEST_F(ServiceTest, SetCurrentResolutionRefusesOtherKindsLoudlyAndStoresNothing)
   EXPECT_EQ(QELBroadcastMapsV1::serviceVersion(), "03.19.02.00");
   EXPECT_STREQ(reinterpret_cast<const char*>(QELMapsVersionString), "@(#)PROGRAM:QELMaps  PROJECT:Maps-1\n");
   EXPECT_EQ(QELMapsVersionNumber, 1.0);
+}
+
+// The framework takes no locks: in debug builds every entry from another
+// thread than its loop's stops the process at once.
+TEST_F(ServiceTest, EntriesFromAnotherThreadStopTheProcess) {
+#ifdef NDEBUG
+  GTEST_SKIP() << "the check is an assertion";
+#else
+  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+  using Engine = internal::QELBroadcastMaps;
+  using Controller = QELBroadcastMapsController;
+  const std::shared_ptr<core::QELRequest> request;
+  const std::vector<std::function<void(Engine&, Controller&)>> entries = {
+      [](Engine& e, Controller&) { e.start(); },
+      [](Engine& e, Controller&) { e.stop(); },
+      [](Engine& e, Controller&) { e.downloadImage(); },
+      [&](Engine& e, Controller&) { e.requestDidFinish(request, {}); },
+      [&](Engine& e, Controller&) { e.requestDidFail(request, {}); },
+      [](Engine& e, Controller&) { e.observeValueForKeyPath("mapInfo", nullptr, {}, nullptr); },
+      [](Engine&, Controller& c) { c.setMapInfo(nullptr); },
+      [](Engine&, Controller& c) { c.processEvent("core.maps.map_update", nullptr); },
+      [&](Engine&, Controller& c) { c.requestDidFinish(request, {}); },
+      [&](Engine&, Controller& c) { c.requestDidFail(request, {}); },
+  };
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_DEATH(
+        {
+          auto service = QELBroadcastMapsV1::create();
+          auto engine = service->broadcastMaps();
+          std::thread([&] { entries[i](*engine, *engine->broadcastMapsController()); }).join();
+        },
+        "called off its run loop thread");
+  }
+#endif
 }
 
 }  // namespace
