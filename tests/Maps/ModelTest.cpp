@@ -335,6 +335,13 @@ class Harness {
         std::optional<Picture> decoded = picture;
         if (step.c % 3 == 1) bytes.insert(bytes.end(), 16, 0);  // the same picture in other bytes
         if (step.c % 3 == 2) bytes = Data(4, 'x'), decoded.reset();
+        // The bytes of the picture shown are not decoded again: it stays the same object.
+        if (const auto running = model_.runningDownload()) {
+          const auto engine = engines_[running->engine].lock();
+          auto& shown = shownBytes_[running->engine];
+          if (engine && engine->mapImage() && shown == bytes) keptImage_ = engine->mapImage();
+          shown = decoded ? bytes : Data();
+        }
         env_.requests().finish(open.front(), bytes);
         model_.answerImage(decoded);
         break;
@@ -387,6 +394,11 @@ class Harness {
       if (!same) diff << what << "\n";
     };
     expect(!std::exchange(synchronous_, false), "the application was notified during the call");
+    if (const auto kept = std::exchange(keptImage_, nullptr)) {
+      bool held = false;
+      for (const auto& engine : engines_) held = held || (engine.lock() && engine.lock()->mapImage() == kept);
+      expect(held, "the shown picture's own bytes were decoded again");
+    }
     expect(internal_ == model_.internalLog,
            "internal centre: framework " + show(internal_) + " model " + show(model_.internalLog));
     expect(app_ == model_.appLog, "application: framework " + show(app_) + " model " + show(model_.appLog));
@@ -481,6 +493,8 @@ class Harness {
   std::vector<model::Posted> internal_, app_;
   int stopPosts_ = 0;
   bool synchronous_ = false;
+  std::map<int, Data> shownBytes_;  // per engine: the bytes its picture was decoded from
+  std::shared_ptr<const Image> keptImage_;
   std::size_t attemptsSeen_ = 0;
   std::vector<std::shared_ptr<QELBroadcastMapsV1>> services_;
   std::vector<const Object*> serviceAddresses_;
