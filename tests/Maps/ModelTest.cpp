@@ -270,10 +270,13 @@ class Harness {
         *modelled = {real->width(), real->height()};
         break;
       }
-      case Op::ChooseSize:
-        service->setCurrentResolutionWithCGSize({kSizes[step.b % 8], kSizes[step.c % 8]});
-        model_.setCurrentResolution(e, modelOf(service->currentResolution()));
+      case Op::ChooseSize: {
+        const model::Resolution size{kSizes[step.b % 8], kSizes[step.c % 8]};
+        service->setCurrentResolutionWithCGSize({size.width, size.height});
+        resolutions_.emplace_back(service->currentResolution(), std::make_shared<model::Resolution>(size));
+        model_.setCurrentResolution(e, resolutions_.back().second);
         break;
+      }
       case Op::Connect:
         env_.events().connect();
         model_.connect();
@@ -456,6 +459,10 @@ class Harness {
       if (list) expect(service->availableResolutions()->front() != list->front(), who + "the same list twice");
       const auto current = service->currentResolution();
       expect(modelOf(current) == modelled.currentResolution, who + "current resolution differs");
+      if (current && modelled.currentResolution)
+        expect(current->width() == modelled.currentResolution->width &&
+                   current->height() == modelled.currentResolution->height,
+               who + "current resolution's size differs");
       const auto image = service->mapImage();
       bool sameImage = bool(image) == modelled.mapImage.has_value();
       if (sameImage && image) sameImage = *image == *Image::fromData(bytesOf(*modelled.mapImage));
