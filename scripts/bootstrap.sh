@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, when missing.
+# Installs the Debian packages the build and the tests need, when missing;
+# with --bench also what the benchmarks need.
 set -euo pipefail
 
 packages=(
@@ -8,9 +9,14 @@ packages=(
   libssl-dev libcurl4-openssl-dev libc-ares-dev libspng-dev libturbojpeg0-dev libcairo2-dev
   nginx
   libgtest-dev libgmock-dev libbenchmark-dev python3-pytest
+  python3-build python3-venv python3-setuptools python3-wheel mypy
   dpkg-dev file valgrind openssl iproute2
-  qt6-base-dev
+  qt6-base-dev qt6-declarative-dev qml6-module-qtquick qml6-module-qtquick-window qml6-module-qtqml-workerscript
 )
+# The benchmarks' extras: gnuplot draws the whole-cabin harness's plots.
+if [ "${1:-}" = --bench ]; then
+  packages+=(gnuplot-nox)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

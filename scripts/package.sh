@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Builds the shared release configuration (libraries and tools) and makes the
-# Debian packages libqelmaps1, libqelmaps-dev and qelmaps-tools in
-# out/packages (QEL_PACKAGE_OUT to change). Install them with
-#   apt-get install ./out/packages/libqelmaps-dev_*.deb ./out/packages/libqelmaps1_*.deb
+# Debian packages libqelmaps1, libqelmaps-dev (C), libqelmaps-cxx-dev (C++)
+# and qelmaps-tools in out/packages (QEL_PACKAGE_OUT to change). Install them
+# with (a C application leaves out libqelmaps-cxx-dev)
+#   apt-get install ./out/packages/libqelmaps1_*.deb ./out/packages/libqelmaps-dev_*.deb \
+#     ./out/packages/libqelmaps-cxx-dev_*.deb
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

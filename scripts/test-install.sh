@@ -4,8 +4,10 @@
 # prefix, checks the exported symbols, and builds the consumer application in
 # tests/consumer four ways: find_package against the prefix, pkg-config
 # against the prefix, add_subdirectory of this source tree, and find_package
-# against the Debian packages unpacked into a scratch root. Each consumer
-# runs against the simulator and must receive a map picture.
+# against the Debian packages unpacked into a scratch root; the C demo is
+# built from the prefix and from the C packages alone, the QML sample with
+# find_package(QELMaps COMPONENTS Qt). Each consumer runs
+# against the simulator and must receive a map picture.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -42,8 +44,20 @@ pcdir=$(dirname "$(find "$prefix" -name qelmaps.pc)")
 libdir=$(PKG_CONFIG_PATH=$pcdir pkg-config --variable=libdir qelmaps)
 # shellcheck disable=SC2046
 g++ -std=c++20 -O2 -Wall -Wextra -Werror tests/consumer/main.cpp -o "$work/pkg-config-consumer" \
-  $(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs qelmaps) -Wl,-rpath,"$libdir"
-run "pkg-config --cflags --libs qelmaps" "$work/pkg-config-consumer"
+  $(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs qelmaps-cxx) -Wl,-rpath,"$libdir"
+run "pkg-config --cflags --libs qelmaps-cxx" "$work/pkg-config-consumer"
+
+# The Qt component, as a Qt Quick application finds it: the QML sample built
+# on its own against the prefix, on the offscreen platform; it fails when no
+# map picture was on screen.
+if [ -n "$(find "$prefix" -name QELMapsQtTargets.cmake)" ]; then
+  cmake -S tools/qelmaps-quick -B "$work/quick" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+  cmake --build "$work/quick" >/dev/null
+  echo "-- find_package(QELMaps COMPONENTS Qt): the QML sample"
+  QT_QPA_PLATFORM=offscreen scripts/run-against-sim.sh "$sim" "$work/quick/qelmaps-quick" \
+    --screenshot "$work/quick.png" --after 3
+fi
 
 # From source, in the debug configuration (its objects are the debug preset's).
 cmake -S tests/consumer -B "$work/subdirectory" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
@@ -57,6 +71,15 @@ for deb in "$work"/debs/*.deb; do
   dpkg-deb -f "$deb" Package Depends | paste -sd' '
   dpkg -x "$deb" "$root"
 done
+
+# A C application needs the library and libqelmaps-dev only, and nothing of
+# Boost: built from those two packages alone, with Boost's headers hidden.
+if dpkg-deb -f "$work"/debs/libqelmaps-dev_*.deb Depends | grep -qi boost; then
+  echo "libqelmaps-dev depends on Boost" >&2
+  exit 1
+fi
+for deb in "$work"/debs/libqelmaps1_*.deb "$work"/debs/libqelmaps-dev_*.deb; do dpkg -x "$deb" "$work/croot"; done
+scripts/test-bindings.sh --c-only "$work/croot/usr" "$build"
 cmake -S tests/consumer -B "$work/deb" -G Ninja -DCMAKE_BUILD_TYPE=Release \
   -DCMAKE_PREFIX_PATH="$root/usr" >/dev/null
 cmake --build "$work/deb" >/dev/null

@@ -110,7 +110,7 @@ void QELEventManager::transportDidReceiveEvent(const std::shared_ptr<QELEvent>& 
   if (event->name() == QELServiceEventClientConnected ||
       event->name() == QELServiceEventClientDisconnected) {
     // Only the manager speaks of its own connection.
-    QELLogging::log("Ignoring a server event named %s.", 2, kDomain, QELLogging::escaped(event->name()));
+    QELLogging::log("Ignoring a server event named %s.", 2, kDomain, event->name());
     return;
   }
   dispatch(event);

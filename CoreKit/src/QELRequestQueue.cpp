@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <functional>
 #include <vector>
 
 namespace qel::core {
@@ -36,7 +37,14 @@ struct Entry {
 // timers in flight, so that requests outlive the queue object.
 struct QELRequestQueue::State : std::enable_shared_from_this<State> {
   explicit State(std::shared_ptr<RequestTransport> t)
-      : transport(std::move(t)), loop(&RunLoop::current()) {}
+      : transport(std::move(t)), loop(&RunLoop::current()), loopLifetime(loop->lifetime()) {}
+
+  // Posts to the queue's loop while it lives. Once it has ended (a service
+  // kept in a static cancels its download at exit, after the loops of the
+  // threads are gone) there is nothing left to run the callout.
+  void post(std::function<void()> callout) {
+    if (!loopLifetime.expired()) loop->post(std::move(callout));
+  }
 
   void add(const std::shared_ptr<QELRequest>& request);
   void schedulePump();
@@ -56,6 +64,7 @@ struct QELRequestQueue::State : std::enable_shared_from_this<State> {
 
   std::shared_ptr<RequestTransport> transport;  // empty: the shared one at each attempt
   RunLoop* loop;
+  std::weak_ptr<const void> loopLifetime;
   int maxConcurrent = -1;
   // Cancelled entries stay here until the pump or a compaction drops them:
   // erasing each from the middle would make a burst of cancels (every
@@ -65,13 +74,13 @@ struct QELRequestQueue::State : std::enable_shared_from_this<State> {
   std::vector<std::shared_ptr<Entry>> active;  // running or waiting to retry
   bool pumpPosted = false;
   std::uint64_t nextAttempt = 1;
+  std::mt19937 random{std::random_device{}()};
 };
 
 void QELRequestQueue::State::add(const std::shared_ptr<QELRequest>& request) {
   if (!request) return;
   if (request->isCancelled()) {
-    QELLogging::log("Ignoring a cancelled request for %s.", 4, kDomain,
-                    QELLogging::escaped(request->requestURL().value_or("")));
+    QELLogging::log("Ignoring a cancelled request for %s.", 4, kDomain, request->requestURL().value_or(""));
     return;
   }
   auto entry = std::make_shared<Entry>(request);
@@ -89,7 +98,7 @@ void QELRequestQueue::State::add(const std::shared_ptr<QELRequest>& request) {
 void QELRequestQueue::State::schedulePump() {
   if (pumpPosted) return;
   pumpPosted = true;
-  loop->post([self = shared_from_this()] {
+  post([self = shared_from_this()] {
     self->pumpPosted = false;
     self->pump();
   });
@@ -118,13 +127,13 @@ void QELRequestQueue::State::startAttempt(const std::shared_ptr<Entry>& entry) {
     // Nothing to send and nothing a retry could change: fail it at once, from
     // the loop like any other outcome.
     QELLogging::log("Request has no URL; failing it.", 2, kDomain);
-    loop->post([self = shared_from_this(), entry] {
+    post([self = shared_from_this(), entry] {
       self->complete(entry, TransportResult{Error{kErrorDomain, -1, "request has no URL"}, {}});
     });
     return;
   }
 
-  QELLogging::log("Sending %s (attempt %d).", 5, kDomain, QELLogging::escaped(*url), entry->failures + 1);
+  QELLogging::log("Sending %s (attempt %d).", 5, kDomain, *url, entry->failures + 1);
   entry->starting = true;
   // A queue of no particular transport follows whatever is shared now.
   const auto attemptTransport = transport ? transport : RequestTransport::shared();
@@ -133,7 +142,7 @@ void QELRequestQueue::State::startAttempt(const std::shared_ptr<Entry>& entry) {
         if (entry->starting) {
           // A transport must not complete from within start(); keep the
           // promise of loop-only callbacks anyway.
-          self->loop->post([self, entry, attempt, result = std::move(result)]() mutable {
+          self->post([self, entry, attempt, result = std::move(result)]() mutable {
             self->attemptDidComplete(entry, attempt, std::move(result));
           });
           return;
@@ -151,10 +160,9 @@ void QELRequestQueue::State::attemptDidComplete(const std::shared_ptr<Entry>& en
 
   if (result.error && entry->failures < entry->request->numberOfRetries()) {
     ++entry->failures;
-    const auto delay = retryDelay(entry->failures);
-    QELLogging::log("Attempt %d for %s failed (%s); retrying in %d ms.", 4, kDomain,
-                    entry->failures, QELLogging::escaped(entry->request->requestURL().value_or("")),
-                    result.error->localizedDescription,
+    const auto delay = retryDelay(entry->failures, result.retryAfter, random);
+    QELLogging::log("Attempt %d for %s failed (%s); retrying in %d ms.", 4, kDomain, entry->failures,
+                    entry->request->requestURL().value_or(""), result.error->localizedDescription,
                     static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(delay).count()));
     entry->phase = Entry::Phase::BackingOff;
     entry->retryCall =
@@ -255,10 +263,17 @@ std::size_t QELRequestQueue::operationCount() const {
   return state_->waiting.size() - state_->cancelledWaiting + state_->active.size();
 }
 
-RunLoop::Duration QELRequestQueue::retryDelay(int attempt) {
-  const int doublings = std::clamp(attempt, 1, 16) - 1;
-  return std::chrono::duration_cast<RunLoop::Duration>(std::chrono::milliseconds(500) *
-                                                       (1LL << doublings));
+RunLoop::Duration QELRequestQueue::retryDelay(int retry, std::optional<std::chrono::seconds> retryAfter,
+                                              std::mt19937& random) {
+  using Milliseconds = std::chrono::milliseconds;
+  Milliseconds bound = kFirstRetryDelay;
+  for (int step = 1; step < retry && bound < kMaximumRetryDelay; ++step) bound *= kRetryDelayGrowth;
+  bound = std::min<Milliseconds>(bound, kMaximumRetryDelay);
+  std::uniform_int_distribution<Milliseconds::rep> distribution(bound.count() * 3 / 4, bound.count());
+  Milliseconds delay(distribution(random));
+  // A server that says when it will be back is taken at its word, within reason.
+  if (retryAfter) delay = std::max<Milliseconds>(delay, std::clamp<Milliseconds>(*retryAfter, {}, kMaximumRetryAfter));
+  return std::chrono::duration_cast<RunLoop::Duration>(delay);
 }
 
 }  // namespace qel::core

@@ -23,10 +23,17 @@ constexpr std::string_view kMapInfoKeyPath = "mapInfo";
 // Lazily made, released with the last engine, never destroyed at exit (where
 // a service kept in a static may still cancel its download through it): one
 // image download at a time for every engine of the process, so that several
-// services never compete for the cabin link.
-std::shared_ptr<core::QELRequestQueue>& sharedImageQueue() {
-  static auto* const queue = new std::shared_ptr<core::QELRequestQueue>;
-  return *queue;
+// services never compete for the cabin link. It posts to the loop it was made
+// on, and goes once that loop has ended.
+struct SharedImageQueue {
+  std::shared_ptr<core::QELRequestQueue> queue;
+  std::weak_ptr<const void> loop;
+};
+
+SharedImageQueue& sharedImageQueue() {
+  static auto* const shared = new SharedImageQueue;
+  if (shared->loop.expired()) shared->queue.reset();
+  return *shared;
 }
 
 // The entry's field, or none. A walk: an image object has a handful of
@@ -91,12 +98,13 @@ std::shared_ptr<QELBroadcastMaps> QELBroadcastMaps::create() {
 }
 
 std::shared_ptr<core::QELRequestQueue> QELBroadcastMaps::requestQueue() {
-  auto& queue = sharedImageQueue();
-  if (!queue) {
-    queue = core::QELRequestQueue::create();
-    queue->setMaxConcurrentOperationCount(1);
+  auto& shared = sharedImageQueue();
+  if (!shared.queue) {
+    shared.queue = core::QELRequestQueue::create();
+    shared.queue->setMaxConcurrentOperationCount(1);
+    shared.loop = RunLoop::current().lifetime();
   }
-  return queue;
+  return shared.queue;
 }
 
 bool QELBroadcastMaps::init() {
@@ -123,7 +131,7 @@ QELBroadcastMaps::~QELBroadcastMaps() {
   // A queue posts to the loop it was made on, and the next service may live
   // on another thread (a host's, after this one's thread ended): the last
   // engine lets go of it, as the controller does of its own.
-  if (QELBroadcastMapsController::ownersCount() == 0) sharedImageQueue().reset();
+  if (QELBroadcastMapsController::ownersCount() == 0) sharedImageQueue().queue.reset();
   // The stop-notification registration goes with the engine: the centre holds
   // its observers weakly. A pending retry timer cannot be left: it keeps its
   // target alive until it fires or is invalidated.

@@ -18,26 +18,32 @@ thread_local const char kThreadTag = 0;
 RunLoop::RunLoop() : threadTag_(&kThreadTag) {}
 
 RunLoop::~RunLoop() {
-  // A handle kept past the loop must not reach into the io_context when it
-  // goes: take the asio timers out of every live call while the context
-  // still exists. Their aborted waits stay queued and go with the context.
+  // Whoever kept this loop's address for later learns that it ended.
+  lifetime_.reset();
+  ending_ = true;
+  // What pending calls hold goes now, while the context still exists: a
+  // timer's target may hold the timer, and only the loop can break that
+  // cycle. Releasing it may run destructors that cancel calls or schedule
+  // new ones (refused now), so everything is taken out first. A handle kept
+  // past the loop must not reach into the io_context either: the asio
+  // timers go too; their aborted waits stay queued and go with the context.
   std::vector<std::shared_ptr<ScheduledCall>> alive;
   for (const auto& weak : realCalls_) {
     if (auto call = weak.lock()) alive.push_back(std::move(call));
   }
+  realCalls_.clear();
+  alive.insert(alive.end(), manualCalls_.begin(), manualCalls_.end());
+  manualCalls_.clear();
+  std::vector<std::function<void()>> callouts;
   std::vector<std::unique_ptr<boost::asio::steady_timer>> timers;
   for (const auto& call : alive) {
     call->pending_ = false;
-    call->callout_ = nullptr;
+    callouts.push_back(std::exchange(call->callout_, nullptr));
     if (call->timer_) timers.push_back(std::move(call->timer_));
   }
+  callouts.clear();
   timers.clear();
   alive.clear();
-  for (const auto& call : manualCalls_) {
-    call->pending_ = false;
-    call->callout_ = nullptr;
-  }
-  manualCalls_.clear();
 }
 
 RunLoop& RunLoop::current() {
@@ -148,6 +154,8 @@ void RunLoop::post(std::function<void()> callout) {
 std::shared_ptr<ScheduledCall> RunLoop::schedule(Duration delay, std::function<void()> callout) {
   assertOnLoopThread();
   auto call = std::shared_ptr<ScheduledCall>(new ScheduledCall);
+  // An ending loop runs nothing more: the call is born cancelled.
+  if (ending_) return call;
   call->callout_ = std::move(callout);
   call->deadline_ = now() + std::max(delay, Duration::zero());
   call->sequence_ = nextSequence_++;
@@ -226,9 +234,10 @@ ScheduledCall::~ScheduledCall() = default;
 
 void ScheduledCall::cancel() {
   pending_ = false;
-  // Let go of whatever the callout holds now, not when the wait ends.
-  callout_ = nullptr;
   if (timer_) timer_->cancel();
+  // Let go of whatever the callout holds now, not when the wait ends; last,
+  // as that may end whoever cancelled.
+  auto callout = std::exchange(callout_, nullptr);
 }
 
 void ScheduledCall::fire() {

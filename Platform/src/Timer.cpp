@@ -21,56 +21,46 @@ std::shared_ptr<Timer> Timer::scheduledTimer(double interval, std::shared_ptr<Ob
   timer->interval_ = std::max(interval, kMinimumInterval);
   timer->repeats_ = repeats;
   timer->valid_ = true;
-  timer->target_ = std::move(target);
   timer->action_ = std::move(action);
-  // The loop keeps a scheduled timer alive, whoever else holds it.
-  timer->selfWhileScheduled_ = timer;
-  timer->arm();
+  arm(timer, std::move(target));
   return timer;
 }
 
-void Timer::arm() {
+void Timer::arm(const std::shared_ptr<Timer>& timer, std::shared_ptr<Object> target) {
   const auto delay = std::chrono::duration_cast<RunLoop::Duration>(
-      std::chrono::duration<double>(interval_));
-  std::weak_ptr<Timer> weak = selfWhileScheduled_;
-  call_ = RunLoop::current().schedule(delay, [weak] {
-    if (auto timer = weak.lock()) timer->fire();
-  });
+      std::chrono::duration<double>(timer->interval_));
+  // The call, not the timer, holds the timer and its target: cancelling it
+  // or ending its loop lets go of both, even when the target holds the timer.
+  timer->call_ = RunLoop::current().schedule(
+      delay, [timer, target = std::move(target)] { fire(timer, target); });
 }
 
-void Timer::fire() {
-  if (!valid_) return;
-  // Locals keep the target and the action alive through the call even if it
-  // invalidates this timer or drops the last reference to it; no member is
-  // touched once the action has started.
-  auto target = target_;
-  if (repeats_) {
-    auto action = action_;
-    arm();
+void Timer::fire(const std::shared_ptr<Timer>& timer, const std::shared_ptr<Object>& target) {
+  // The running call keeps the timer and the target alive through the action,
+  // even if it invalidates the timer or drops the last reference to it.
+  if (!timer->valid_) return;
+  if (timer->repeats_) {
+    auto action = timer->action_;
+    arm(timer, target);
     action();
     return;
   }
-  valid_ = false;
-  call_.reset();
-  auto action = std::move(action_);
-  action_ = nullptr;
-  target_.reset();
-  auto self = std::move(selfWhileScheduled_);
+  timer->valid_ = false;
+  timer->call_.reset();
+  auto action = std::move(timer->action_);
+  timer->action_ = nullptr;
   action();
 }
 
 void Timer::invalidate() {
   if (!valid_) return;
   valid_ = false;
-  if (call_) call_->cancel();
-  call_.reset();
-  // Released in this order at the end of the function: this timer may be
-  // held only by itself.
-  auto self = std::move(selfWhileScheduled_);
   auto action = std::move(action_);
   action_ = nullptr;
-  auto target = std::move(target_);
-  target_.reset();
+  // Cancelling lets go of the target and perhaps of the last reference to
+  // this timer: nothing of it is touched afterwards.
+  auto call = std::move(call_);
+  if (call) call->cancel();
 }
 
 }  // namespace qel

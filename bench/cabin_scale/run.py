@@ -524,6 +524,11 @@ def main():
         args.passengers, args.interval, args.steady, args.down = 20, 2, 8, 2
         args.rest, args.join_timeout, args.back_timeout, args.plots = 0, 30, 40, None
     args.rest_interval, args.settle = 86400, 5
+    # Said now, not after minutes of running.
+    if args.plots and not shutil.which("gnuplot"):
+        log("--plots needs gnuplot, which is not installed: run scripts/bootstrap.sh --bench "
+            "(Debian's gnuplot-nox), or leave out --plots")
+        return 2
     rate = None if args.rate in ("0", "none") else args.rate
 
     # Every exit path ends what was started: signals become SystemExit.

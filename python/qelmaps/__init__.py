@@ -18,8 +18,16 @@ method of the client, including ``close()``.
         client.choose_resolution(1024, 768)
         client.start()
         ...
+
+For asyncio, ``AsyncClient`` delivers the same events on the running loop:
+
+    async with qelmaps.AsyncClient(host="cabin.local", ca_file="cabin-ca.pem") as client:
+        client.start()
+        async for event in client.events():
+            ...
 """
 
+from ._asyncio import AsyncClient
 from ._client import (
     AVAILABLE_RESOLUTIONS_DID_CHANGE,
     ERROR,
@@ -28,7 +36,9 @@ from ._client import (
     IMAGE_DID_STOP_RECEIVING_IMAGE,
     STATE_DID_CHANGE,
     Client,
+    ClosedError,
     Error,
+    Event,
     Picture,
     service_version,
     version,
@@ -36,13 +46,16 @@ from ._client import (
 
 __all__ = [
     "AVAILABLE_RESOLUTIONS_DID_CHANGE",
+    "AsyncClient",
     "ERROR",
     "IMAGE_DID_CHANGE",
     "IMAGE_DID_START_RECEIVING_IMAGE",
     "IMAGE_DID_STOP_RECEIVING_IMAGE",
     "STATE_DID_CHANGE",
     "Client",
+    "ClosedError",
     "Error",
+    "Event",
     "Picture",
     "service_version",
     "version",

@@ -1,84 +1,42 @@
 """ctypes bindings of <QELMaps/qelmaps.h> and the Client built on them."""
 
 import ctypes
-import ctypes.util
+import enum
+import functools
 import os
 import queue
 import threading
-from typing import Callable, Dict, List, NamedTuple, Optional, Tuple
+from typing import Any, Callable, Dict, List, NamedTuple, Optional, Tuple, TypeVar, cast
 
-# The events, by the notification names the C header defines.
-AVAILABLE_RESOLUTIONS_DID_CHANGE = "BROADCAST_MAPS_AVAILABLE_RESOLUTIONS_DID_CHANGE"
-IMAGE_DID_CHANGE = "BROADCAST_MAPS_IMAGE_DID_CHANGE"
-IMAGE_DID_STOP_RECEIVING_IMAGE = "BROADCAST_MAPS_IMAGE_DID_STOP_RECEIVING_IMAGE"
-ERROR = "BROADCAST_MAPS_ERROR"
-IMAGE_DID_START_RECEIVING_IMAGE = "BROADCAST_MAPS_IMAGE_DID_START_RECEIVING_IMAGE"
-STATE_DID_CHANGE = "STATE_DID_CHANGE"  # a call of the application changed the state
-_EVENTS = [
-    AVAILABLE_RESOLUTIONS_DID_CHANGE,
-    IMAGE_DID_CHANGE,
-    IMAGE_DID_STOP_RECEIVING_IMAGE,
-    ERROR,
-    IMAGE_DID_START_RECEIVING_IMAGE,
-    STATE_DID_CHANGE,
-]
+# The library and the C API's types, loaded once per process.
+from ._library import CALLBACK as _CALLBACK, DISPATCH as _DISPATCH, LOG as _LOG, Size as _Size, lib as _lib
+
+
+class Event(str, enum.Enum):
+    """What a callback announces, in the C API's order. A member is also the
+    notification's name as a string, so code that compares with the names
+    (or the module's constants) keeps working."""
+
+    AVAILABLE_RESOLUTIONS_DID_CHANGE = "BROADCAST_MAPS_AVAILABLE_RESOLUTIONS_DID_CHANGE"
+    IMAGE_DID_CHANGE = "BROADCAST_MAPS_IMAGE_DID_CHANGE"
+    IMAGE_DID_STOP_RECEIVING_IMAGE = "BROADCAST_MAPS_IMAGE_DID_STOP_RECEIVING_IMAGE"
+    ERROR = "BROADCAST_MAPS_ERROR"
+    IMAGE_DID_START_RECEIVING_IMAGE = "BROADCAST_MAPS_IMAGE_DID_START_RECEIVING_IMAGE"
+    STATE_DID_CHANGE = "STATE_DID_CHANGE"  # a call of the application changed the state
+
+    def __str__(self) -> str:
+        return self.value
+
+
+AVAILABLE_RESOLUTIONS_DID_CHANGE = Event.AVAILABLE_RESOLUTIONS_DID_CHANGE
+IMAGE_DID_CHANGE = Event.IMAGE_DID_CHANGE
+IMAGE_DID_STOP_RECEIVING_IMAGE = Event.IMAGE_DID_STOP_RECEIVING_IMAGE
+ERROR = Event.ERROR
+IMAGE_DID_START_RECEIVING_IMAGE = Event.IMAGE_DID_START_RECEIVING_IMAGE
+STATE_DID_CHANGE = Event.STATE_DID_CHANGE
+_EVENTS = list(Event)
 
 _OK, _NO_PICTURE, _NO_RESOLUTION, _BUFFER_TOO_SMALL = 0, 3, 4, 5
-
-
-class _Size(ctypes.Structure):
-    _fields_ = [("width", ctypes.c_double), ("height", ctypes.c_double)]
-
-
-_CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p)
-_DISPATCH = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_void_p)
-_LOG = ctypes.CFUNCTYPE(None, ctypes.c_int, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_void_p)
-
-
-def _load() -> ctypes.CDLL:
-    path = os.environ.get("QELMAPS_LIBRARY") or ctypes.util.find_library("qelmaps") or "libqelmaps.so.1"
-    lib = ctypes.CDLL(path)
-    p, i, d, e, s = ctypes.c_void_p, ctypes.c_int, ctypes.c_double, ctypes.c_int, ctypes.c_size_t
-    signatures = {
-        "qelmaps_error_string": (ctypes.c_char_p, [e]),
-        "qelmaps_version": (ctypes.c_char_p, []),
-        "qelmaps_service_version": (ctypes.c_char_p, []),
-        "qelmaps_config_create": (p, []),
-        "qelmaps_config_destroy": (None, [p]),
-        "qelmaps_config_set_host": (e, [p, ctypes.c_char_p]),
-        "qelmaps_config_set_port": (e, [p, i]),
-        "qelmaps_config_set_ca_file": (e, [p, ctypes.c_char_p]),
-        "qelmaps_config_set_event_path": (e, [p, ctypes.c_char_p]),
-        "qelmaps_config_set_log_threshold": (e, [p, i]),
-        "qelmaps_config_set_log_callback": (e, [p, _LOG, p]),
-        "qelmaps_config_set_callback": (e, [p, i, _CALLBACK, p]),
-        "qelmaps_config_set_dispatch": (e, [p, _DISPATCH, p]),
-        "qelmaps_task_run": (None, [p]),
-        "qelmaps_task_discard": (None, [p]),
-        "qelmaps_client_create": (e, [p, ctypes.POINTER(p)]),
-        "qelmaps_client_destroy": (e, [p]),
-        "qelmaps_client_start": (e, [p]),
-        "qelmaps_client_stop": (e, [p]),
-        "qelmaps_client_choose_resolution": (e, [p, d, d]),
-        "qelmaps_client_clear_resolution": (e, [p]),
-        "qelmaps_client_resolutions": (e, [p, ctypes.POINTER(_Size), s, ctypes.POINTER(s)]),
-        "qelmaps_client_current_resolution": (e, [p, ctypes.POINTER(_Size)]),
-        "qelmaps_client_state": (e, [p, ctypes.POINTER(i), ctypes.POINTER(i)]),
-        "qelmaps_client_picture": (e, [p, ctypes.POINTER(p)]),
-        "qelmaps_picture_release": (None, [p]),
-        "qelmaps_picture_width": (s, [p]),
-        "qelmaps_picture_height": (s, [p]),
-        "qelmaps_picture_stride": (s, [p]),
-        "qelmaps_picture_pixels": (p, [p]),
-    }
-    for name, (restype, argtypes) in signatures.items():
-        function = getattr(lib, name)
-        function.restype = restype
-        function.argtypes = argtypes
-    return lib
-
-
-_lib = _load()
 
 
 class Error(Exception):
@@ -89,30 +47,92 @@ class Error(Exception):
         super().__init__(f"{what}: {self.code}")
 
 
+class ClosedError(Error, ValueError):
+    """A method of a client was called after its ``close()``."""
+
+    def __init__(self) -> None:
+        self.code = "CLOSED"
+        Exception.__init__(self, "the client is closed")
+
+
 def _check(code: int, what: str) -> None:
     if code != _OK:
         raise Error(code, what)
 
 
 def version() -> str:
-    return _lib.qelmaps_version().decode()
+    return str(_lib.qelmaps_version().decode())
 
 
 def service_version() -> str:
-    return _lib.qelmaps_service_version().decode()
+    return str(_lib.qelmaps_service_version().decode())
 
 
 class Picture(NamedTuple):
-    """A map picture: ``height`` rows of ``width`` RGBA pixels, packed."""
+    """A map picture: ``height`` rows of ``width`` RGBA pixels, packed.
+
+    ``pixels`` is a read-only memoryview of the library's decoded pixels, not
+    a copy (hand it to numpy, Pillow or a texture upload as it is); the
+    pixels live as long as the view, also after the client is closed.
+    ``tobytes()`` copies them when bytes are wanted."""
 
     width: int
     height: int
-    pixels: bytes
+    pixels: memoryview
+
+    def tobytes(self) -> bytes:
+        return self.pixels.tobytes()
+
+
+class _PictureReference:
+    """Holds one reference to a C picture; the memoryview's buffer keeps it."""
+
+    def __init__(self, handle: ctypes.c_void_p):
+        self.handle = handle
+
+    def __del__(self) -> None:
+        if _lib is not None:  # None at interpreter shutdown
+            _lib.qelmaps_picture_release(self.handle)
 
 
 def _size(size: _Size) -> Tuple[float, float]:
     # Whole pixel counts come back as ints, as they were sent.
-    return tuple(int(v) if float(v).is_integer() else v for v in (size.width, size.height))
+    width, height = (int(v) if float(v).is_integer() else float(v) for v in (size.width, size.height))
+    return width, height
+
+
+Handler = Callable[["Client", Event], None]
+
+
+# How many log callbacks run on this thread (the library's own, or one inside
+# a call of a client): close() there must not wait for the library.
+_calling = threading.local()
+# Queued for the callbacks thread: finish a close() that a log callback asked for.
+_CLOSE = object()
+
+
+_Method = TypeVar("_Method", bound=Callable[..., Any])
+
+
+def _holding(method: _Method) -> _Method:
+    """Runs ``method`` with the client's handle kept alive: close() waits until
+    it returns, and raises ClosedError once close() has begun."""
+
+    @functools.wraps(method)
+    def holding(self: "Client", *args: Any, **kwargs: Any) -> Any:
+        with self._lock:
+            if self._closed:
+                raise ClosedError()
+            self._users += 1
+        try:
+            return method(self, *args, **kwargs)
+        finally:
+            with self._lock:
+                self._users -= 1
+                if not self._users:
+                    self._idle.notify_all()
+
+    return cast(_Method, holding)
 
 
 class Client:
@@ -123,25 +143,28 @@ class Client:
     map data is loaded as soon as the client exists, so its first events may
     come before an ``on()`` call that follows the constructor: pass
     ``handlers`` ({event: callback}) to hear them.
-    After ``close()`` returns no callback runs any more. Settings left out
-    fall back to the QEL_* environment variables.
+    After ``close()`` returns no callback runs any more, and every method
+    raises ClosedError; a call running on another thread finishes first.
+    Settings left out fall back to the QEL_* environment variables.
     """
 
     def __init__(self, host: Optional[str] = None, port: Optional[int] = None, ca_file: Optional[str] = None,
                  event_path: Optional[str] = None, log_level: Optional[int] = None,
                  log: Optional[Callable[[int, str, str], None]] = None,
-                 handlers: Optional[Dict[str, Callable]] = None):
-        self._handlers: Dict[str, List[Callable]] = {}
-        self._tasks: "queue.SimpleQueue" = queue.SimpleQueue()
+                 handlers: "Optional[Dict[Event | str, Handler]]" = None):
+        self._handlers: Dict[Event, List[Handler]] = {}
+        self._tasks: "queue.SimpleQueue[object]" = queue.SimpleQueue()
         self._lock = threading.Lock()
+        self._idle = threading.Condition(self._lock)
+        self._users = 0  # methods running now, on any thread
+        self._closed = False
         for event, handler in (handlers or {}).items():
             self.on(event, handler)
         self._handle = ctypes.c_void_p()
         # ctypes trampolines must outlive every call the library may make.
         self._on_event = _CALLBACK(self._deliver)
         self._on_dispatch = _DISPATCH(lambda task, _: self._tasks.put(task))
-        self._on_log = _LOG(lambda level, domain, message, _: log(level, domain.decode(errors="replace"),
-                                                                   message.decode(errors="replace"))) if log else None
+        self._on_log = _LOG(functools.partial(self._log, log)) if log else None
         config = _lib.qelmaps_config_create()
         if not config:
             raise MemoryError
@@ -171,28 +194,41 @@ class Client:
     def __enter__(self) -> "Client":
         return self
 
-    def __exit__(self, *exc) -> None:
+    def __exit__(self, *exc: object) -> None:
         self.close()
 
-    def on(self, event: str, handler: Callable[["Client", str], None]) -> None:
-        """Calls ``handler(client, event)`` for each ``event`` (one of the constants)."""
-        if event not in _EVENTS:
-            raise ValueError(f"unknown event {event!r}")
+    def on(self, event: "Event | str", handler: "Handler") -> None:
+        """Calls ``handler(client, event)`` for each ``event`` (an ``Event``, or its name)."""
+        event = Event(event)  # a str-valued member hashes by its name: one kind of key
         with self._lock:
             self._handlers.setdefault(event, []).append(handler)
 
+    def off(self, event: "Event | str", handler: "Handler") -> None:
+        """Stops calling ``handler`` for ``event``; one registration goes per call.
+        A handler that is not registered is ignored."""
+        event = Event(event)
+        with self._lock:
+            handlers = self._handlers.get(event, [])
+            if handler in handlers:
+                handlers.remove(handler)
+
+    @_holding
     def start(self) -> None:
         _check(_lib.qelmaps_client_start(self._live()), "start")
 
+    @_holding
     def stop(self) -> None:
         _check(_lib.qelmaps_client_stop(self._live()), "stop")
 
+    @_holding
     def choose_resolution(self, width: float, height: float) -> None:
         _check(_lib.qelmaps_client_choose_resolution(self._live(), width, height), "choose_resolution")
 
+    @_holding
     def clear_resolution(self) -> None:
         _check(_lib.qelmaps_client_clear_resolution(self._live()), "clear_resolution")
 
+    @_holding
     def resolutions(self) -> List[Tuple[float, float]]:
         """The sizes the server offers as (width, height), in its order; [] without map data."""
         handle, count = self._live(), ctypes.c_size_t()
@@ -203,6 +239,7 @@ class Client:
                 _check(code, "resolutions")
                 return [_size(sizes[i]) for i in range(count.value)]
 
+    @_holding
     def current_resolution(self) -> Optional[Tuple[float, float]]:
         size = _Size()
         code = _lib.qelmaps_client_current_resolution(self._live(), ctypes.byref(size))
@@ -219,39 +256,56 @@ class Client:
     def has_map_data(self) -> bool:
         return self._state()[1]
 
+    @_holding
     def picture(self) -> Optional[Picture]:
-        """The latest map picture (pixels copied into bytes), or None."""
+        """The latest map picture (its pixels shared, not copied), or None."""
         handle = ctypes.c_void_p()
         code = _lib.qelmaps_client_picture(self._live(), ctypes.byref(handle))
         if code == _NO_PICTURE:
             return None
         _check(code, "picture")
-        try:
-            width, height = _lib.qelmaps_picture_width(handle), _lib.qelmaps_picture_height(handle)
-            stride = _lib.qelmaps_picture_stride(handle)
-            data = ctypes.string_at(_lib.qelmaps_picture_pixels(handle), stride * height)
-            if stride != width * 4:
-                data = b"".join(data[row * stride:row * stride + width * 4] for row in range(height))
-            return Picture(width, height, data)
-        finally:
-            _lib.qelmaps_picture_release(handle)
+        reference = _PictureReference(handle)  # releases it when the last view goes
+        width, height = int(_lib.qelmaps_picture_width(handle)), int(_lib.qelmaps_picture_height(handle))
+        stride = int(_lib.qelmaps_picture_stride(handle))
+        rows = (ctypes.c_ubyte * (stride * height)).from_address(_lib.qelmaps_picture_pixels(handle))
+        rows._reference = reference  # type: ignore[attr-defined]
+        pixels = memoryview(rows).cast("B")
+        if stride != width * 4:  # padded rows: packed into a copy
+            pixels = memoryview(b"".join(pixels[row * stride:row * stride + width * 4] for row in range(height)))
+        return Picture(width, height, pixels.toreadonly())
 
     def close(self) -> None:
-        """Stops the map; no callback runs once this returns. Safe to call twice, and from a callback."""
+        """Stops the map; no callback runs once this returns. Safe to call twice, and from a callback.
+
+        From the log callback, which may run on the library's own thread, the
+        close is finished on the callbacks thread right after it returns."""
         with self._lock:
+            first, self._closed = not self._closed, True
+        if getattr(_calling, "log", 0):
+            if first:
+                self._tasks.put(_CLOSE)
+            return
+        self._finish()
+        if threading.current_thread() is not self._thread:
+            self._thread.join()
+
+    def _finish(self) -> None:
+        with self._lock:
+            self._idle.wait_for(lambda: self._users == 0)
             handle, self._handle = self._handle, ctypes.c_void_p()
         if handle:
-            _check(_lib.qelmaps_client_destroy(handle), "close")
+            code = _lib.qelmaps_client_destroy(handle)
             self._tasks.put(None)
-            if threading.current_thread() is not self._thread:
-                self._thread.join()
+            _check(code, "close")
 
+    # Only inside a @_holding method, which keeps the handle alive.
     def _live(self) -> ctypes.c_void_p:
         handle = self._handle
         if not handle:
-            raise ValueError("the client is closed")
+            raise ClosedError()
         return handle
 
+    @_holding
     def _state(self) -> Tuple[bool, bool]:
         receiving, has_map_data = ctypes.c_int(), ctypes.c_int()
         _check(_lib.qelmaps_client_state(self._live(), ctypes.byref(receiving), ctypes.byref(has_map_data)), "state")
@@ -264,17 +318,30 @@ class Client:
             task = self._tasks.get()
             if task is None:
                 break
-            _lib.qelmaps_task_run(task)
+            if self._closed:  # asked for by a log callback, or under way on another thread
+                self._finish()
+            if task is not _CLOSE:
+                _lib.qelmaps_task_run(task)
         while True:
             try:
                 task = self._tasks.get_nowait()
             except queue.Empty:
                 return
-            if task is not None:
+            if task is not None and task is not _CLOSE:
                 _lib.qelmaps_task_discard(task)
 
-    def _deliver(self, _client, event, _user_data) -> None:
-        name = _EVENTS[event] if 0 <= event < len(_EVENTS) else None
+    def _log(self, log: Callable[[int, str, str], None], level: int, domain: bytes, message: bytes,
+             _user_data: Optional[int]) -> None:
+        _calling.log = getattr(_calling, "log", 0) + 1
+        try:
+            log(level, domain.decode(errors="replace"), message.decode(errors="replace"))
+        finally:
+            _calling.log -= 1
+
+    def _deliver(self, _client: Optional[int], event: int, _user_data: Optional[int]) -> None:
+        if not 0 <= event < len(_EVENTS):
+            return
+        name = _EVENTS[event]
         with self._lock:
             handlers = list(self._handlers.get(name, ()))
         for handler in handlers:

@@ -1,36 +1,13 @@
-"""The Python package against the cabin simulator (tools/cabin-sim) over
-real TLS on a free loopback port. QELMAPS_CABIN_SIM names the simulator's
-binary; QELMAPS_LIBRARY the shared library, when not installed."""
+"""The Python client against the cabin simulator (conftest.py): what it
+receives, and closing it from any thread, callback or log line."""
 
-import os
 import queue
-import subprocess
-import tempfile
+import threading
 
 import pytest
 
 import qelmaps
-
-TIMEOUT = 20
-
-
-@pytest.fixture
-def simulator():
-    binary = os.environ.get("QELMAPS_CABIN_SIM")
-    if not binary:
-        pytest.skip("QELMAPS_CABIN_SIM is not set")
-    with tempfile.TemporaryDirectory() as directory:
-        ca = os.path.join(directory, "ca.pem")
-        process = subprocess.Popen([binary, "--port", "0", "--ca-out", ca, "--interval", "3600"],
-                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-        try:
-            line = process.stdout.readline()
-            assert line.startswith("listening https://"), line
-            host, port = line.strip()[len("listening https://"):].rsplit(":", 1)
-            yield process, dict(host=host, port=int(port), ca_file=ca, log_level=1)
-        finally:
-            process.terminate()
-            process.wait()
+from conftest import TIMEOUT
 
 
 def events(client, *names):
@@ -49,13 +26,22 @@ def wait_for(received, name):
 def test_receives_the_chosen_picture_and_the_resolutions_until_the_server_stops(simulator):
     process, settings = simulator
     with qelmaps.Client(**settings) as client:
+        # A handler taken off again hears nothing; handlers may be named by string.
+        unheard = []
+
+        def taken_off(c, event):
+            unheard.append(event)
+
+        client.on("BROADCAST_MAPS_IMAGE_DID_CHANGE", taken_off)
+        client.off(qelmaps.Event.IMAGE_DID_CHANGE, taken_off)
         received = events(client, qelmaps.IMAGE_DID_CHANGE, qelmaps.ERROR)
         client.choose_resolution(800, 600)
         client.start()
         wait_for(received, qelmaps.IMAGE_DID_CHANGE)
         picture = client.picture()
         assert (picture.width, picture.height) == (800, 600)
-        assert len(picture.pixels) == 800 * 600 * 4
+        assert picture.pixels.readonly and picture.pixels.nbytes == 800 * 600 * 4
+        assert picture.tobytes() == bytes(picture.pixels)
         assert client.resolutions() == [(1024, 768), (800, 600), (400, 300)]
         assert client.current_resolution() == (800, 600)
         assert client.receiving and client.has_map_data
@@ -66,8 +52,11 @@ def test_receives_the_chosen_picture_and_the_resolutions_until_the_server_stops(
         wait_for(received, qelmaps.ERROR)
         assert not client.has_map_data
         assert client.resolutions() == []
-    with pytest.raises(ValueError):
+    with pytest.raises(qelmaps.ClosedError):
         client.start()
+    assert unheard == []
+    # The pixels are the library's own, kept by the view after the client went.
+    assert picture.pixels[3] == 255 and picture.pixels[800 * 600 * 4 - 1] == 255
 
 
 def test_closing_the_client_in_a_callback_stops_every_callback(simulator):
@@ -86,3 +75,87 @@ def test_closing_the_client_in_a_callback_stops_every_callback(simulator):
     assert closed.get(timeout=TIMEOUT)
     client.close()  # a second close is harmless
     assert after == []
+
+
+class _Held:
+    """The C library, with calls of one function held between reading the
+    client's handle and calling C, as a thread switch can hold them."""
+
+    def __init__(self, lib, name):
+        self._lib, self._name = lib, name
+        self.entered, self.release = threading.Event(), threading.Event()
+
+    def __getattr__(self, attr):
+        function = getattr(self._lib, attr)
+        if attr != self._name:
+            return function
+
+        def held(*args):
+            self.entered.set()
+            self.release.wait(TIMEOUT)
+            return function(*args)
+
+        return held
+
+
+def test_close_on_another_thread_waits_for_a_running_call_and_later_calls_raise(simulator, monkeypatch):
+    _, settings = simulator
+    client = qelmaps.Client(**settings)
+    held = _Held(qelmaps._client._lib, "qelmaps_client_state")
+    monkeypatch.setattr(qelmaps._client, "_lib", held)
+    order = []
+    reader = threading.Thread(target=lambda: order.append(("call", client.receiving)))
+    reader.start()
+    assert held.entered.wait(TIMEOUT)
+    closer = threading.Thread(target=lambda: (client.close(), order.append("closed")))
+    closer.start()
+    closer.join(0.5)  # without the wait, close() is done by now and the call uses a freed handle
+    held.release.set()
+    reader.join()
+    closer.join()
+    assert [entry[0] if isinstance(entry, tuple) else entry for entry in order] == ["call", "closed"]
+
+    # Many threads calling while one closes: each call either runs on a live
+    # handle or raises the package's error (the ASan build shows the rest).
+    monkeypatch.undo()
+    for _ in range(10):
+        client = qelmaps.Client(**settings)
+        started, failures = threading.Barrier(5), []
+
+        def call_until_closed():
+            try:
+                started.wait()
+                while True:
+                    client.resolutions(), client.receiving, client.current_resolution(), client.picture()
+            except qelmaps.ClosedError:
+                pass
+            except Exception as error:  # noqa: BLE001 - any other outcome fails the test
+                failures.append(error)
+
+        callers = [threading.Thread(target=call_until_closed) for _ in range(4)]
+        for caller in callers:
+            caller.start()
+        started.wait()
+        client.close()
+        for caller in callers:
+            caller.join()
+        assert failures == []
+
+
+def test_closing_the_client_in_the_log_callback_closes_it_completely(simulator):
+    _, settings = simulator
+    clients, closed = [], threading.Event()
+
+    def close_on_first_line(level, domain, message):
+        if clients and not closed.is_set():
+            clients[0].close()
+            closed.set()
+
+    clients.append(qelmaps.Client(**dict(settings, log_level=5), log=close_on_first_line))
+    clients[0].start()  # its lines come from the library's own thread
+    assert closed.wait(TIMEOUT)
+    clients[0].close()  # returns once the close asked for in the callback is done
+    with pytest.raises(qelmaps.ClosedError):
+        clients[0].resolutions()
+    # Only one client may live at a time: the first is gone.
+    qelmaps.Client(**settings).close()

@@ -16,7 +16,9 @@
 #include <cmath>
 #include <condition_variable>
 #include <deque>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <set>
 #include <string>
@@ -126,6 +128,9 @@ TEST(CApiArgumentsTest, NullHandlesAndOutOfRangeValuesAreErrorsNotCrashes) {
         qelmaps_client_choose_resolution(nullptr, 1024, 768), qelmaps_client_clear_resolution(nullptr),
         qelmaps_client_resolutions(nullptr, &size, 1, &count), qelmaps_client_current_resolution(nullptr, &size),
         qelmaps_client_state(nullptr, &flag, &flag), qelmaps_client_picture(nullptr, &picture),
+        qelmaps_config_set_ca_pem(nullptr, "p", 1), qelmaps_config_set_dns_servers(nullptr, "127.0.0.1"),
+        qelmaps_config_add_resolve(nullptr, "h:1:127.0.0.1"), qelmaps_config_set_max_pixels(nullptr, 1),
+        qelmaps_config_set_max_map_entries(nullptr, 1), qelmaps_config_set_ca_pem(config, nullptr, 1),
         qelmaps_config_set_host(config, nullptr), qelmaps_client_create(config, nullptr)}) {
     EXPECT_EQ(error, QELMAPS_ERROR_NULL_ARGUMENT);
   }
@@ -138,7 +143,9 @@ TEST(CApiArgumentsTest, NullHandlesAndOutOfRangeValuesAreErrorsNotCrashes) {
   EXPECT_EQ(qelmaps_picture_width(nullptr) + qelmaps_picture_height(nullptr) + qelmaps_picture_stride(nullptr), 0u);
   EXPECT_EQ(qelmaps_picture_pixels(nullptr), nullptr);
   for (qelmaps_error error : {qelmaps_config_set_port(config, 0), qelmaps_config_set_port(config, 65536),
-                              qelmaps_config_set_port(config, -1), qelmaps_config_set_log_threshold(config, -1)}) {
+                              qelmaps_config_set_port(config, -1), qelmaps_config_set_log_threshold(config, -1),
+                              qelmaps_config_set_ca_pem(config, "", 0), qelmaps_config_set_max_pixels(config, 0),
+                              qelmaps_config_set_max_map_entries(config, 0)}) {
     EXPECT_EQ(error, QELMAPS_ERROR_INVALID_ARGUMENT);
   }
   EXPECT_EQ(qelmaps_config_set_port(config, 65535), QELMAPS_OK);
@@ -239,6 +246,12 @@ TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThreadWhichMa
 
 TEST_F(CApiTest, DispatchedDeliveriesRunOnTheApplicationThreadWhichMayDestroyTheClient) {
   ASSERT_EQ(qelmaps_config_set_dispatch(config_, queueTask, &recorder_), QELMAPS_OK);
+  // The authority as an application carries it in its bundle: in memory,
+  // trusted instead of the CA file (which no longer exists).
+  std::ifstream caFile(simulator_.caFile());
+  const std::string pem{std::istreambuf_iterator<char>(caFile), std::istreambuf_iterator<char>()};
+  ASSERT_EQ(qelmaps_config_set_ca_pem(config_, pem.data(), pem.size()), QELMAPS_OK);
+  ASSERT_EQ(qelmaps_config_set_ca_file(config_, "/nonexistent/ca.pem"), QELMAPS_OK);
   // Inside a callback the client reads what was announced. Destroyed there
   // with deliveries still queued, running those later calls nothing.
   recorder_.onEvent = [&](qelmaps_client* client, qelmaps_event event) {

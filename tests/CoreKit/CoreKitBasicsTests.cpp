@@ -45,7 +45,31 @@ TEST(QELLoggingTest, DropsLinesAboveTheThresholdBeforeFormattingThemAndWritesThe
   EXPECT_EQ(QELLogging::threshold(), threshold);
   ::testing::internal::CaptureStderr();
   QELLogging::write(2, "Dom.cpp", "hello world");
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "2 Dom.cpp hello world\n");
+  // Whoever formatted it, a line carries no control character but its end;
+  // printable text, backslashes among it, is written as it is.
+  QELLogging::log("GET %s refused", 2, "Dom.cpp", "/a\n1 FAKE\x1b[2J\v\f\r\t\x7f\xc2\x9b\xc3\xa9\\x");
+  EXPECT_EQ(
+      ::testing::internal::GetCapturedStderr(),
+      "2 Dom.cpp hello world\n2 Dom.cpp GET /a\\n1 FAKE\\x1b[2J\\x0b\\x0c\\r\\t\\x7f\\u009b\xc3\xa9\\x refused\n");
+}
+
+TEST(QELLoggingTest, ARepeatedWarningIsWrittenOncePerWindowWithTheCountLeftOut) {
+  ScriptedEnvironment env;
+  QELRepeatedLines lines(std::chrono::seconds(10));
+  for (int i = 0; i < 10000; ++i) lines.log("Dropped frame %d", 2, "Dom.cpp", i);
+  lines.log("Other %d", 2, "Dom.cpp", 1);
+  RunLoop::current().advance(std::chrono::seconds(9));
+  lines.log("Dropped frame %d", 2, "Dom.cpp", 10000);
+  RunLoop::current().advance(std::chrono::seconds(1));
+  lines.log("Dropped frame %d", 2, "Dom.cpp", 10001);
+  lines.log("Dropped frame %d", 2, "Dom.cpp", 10002);
+  RunLoop::current().advance(std::chrono::seconds(10));
+  lines.log("Dropped frame %d", 2, "Dom.cpp", 10003);
+  std::vector<std::string> written;
+  for (const auto& record : env.logs()) written.push_back(record.message);
+  EXPECT_EQ(written,
+            (std::vector<std::string>{"Dropped frame 0", "Other 1", "Dropped frame 10001 (repeated 10,000 times)",
+                                      "Dropped frame 10003 (repeated once)"}));
 }
 
 // Clears the configuration's environment variables and puts them back.

@@ -94,32 +94,47 @@ TEST_F(QELRequestQueueTest, RunsFirstInFirstOutNeverAboveTheLimit) {
   EXPECT_EQ(queue_->operationCount(), 0u);
 }
 
-TEST_F(QELRequestQueueTest, RetriesWithGrowingDelaysKeepingTheSlotThenTellsOnce) {
+// Three retries span more than half a minute, each at a random moment within
+// its window (so that a cabin's devices spread out), and never before the
+// server's Retry-After, which counts up to a minute.
+TEST_F(QELRequestQueueTest, RetriesWithGrowingJitteredDelaysKeepingTheSlotThenTellsOnce) {
   queue_->setMaxConcurrentOperationCount(1);
   queue_->addRequest(request("/a", 3));
-  queue_->addRequest(request("/b", 1));
+  queue_->addRequest(request("/b", 3));
+  queue_->addRequest(request("/c", 1));
   runPending();
 
-  const RunLoop::Duration delays[] = {500ms, 1s, 2s};
-  for (std::size_t retry = 0; retry < 3; ++retry) {
-    failNext("timeout");
-    advance(delays[retry] - 1ms);
-    EXPECT_EQ(env_.requests().attempts().size(), retry + 1) << "retry " << retry << " came early";
-    advance(1ms);
-    ASSERT_EQ(env_.requests().attempts().size(), retry + 2) << "retry " << retry << " missing";
-    EXPECT_EQ(env_.requests().attempts().back().url, "/a") << "the slot was given away";
-  }
+  struct Window {
+    RunLoop::Duration earliest, latest;
+  };
+  auto retryWithin = [&](Window window, std::optional<std::chrono::seconds> retryAfter = std::nullopt) {
+    const auto before = env_.requests().attempts().size();
+    env_.requests().failNext("unavailable", retryAfter);
+    runPending();
+    advance(window.earliest - 1ms);
+    EXPECT_EQ(env_.requests().attempts().size(), before) << "a retry came early";
+    advance(window.latest - window.earliest + 1ms);
+    ASSERT_EQ(env_.requests().attempts().size(), before + 1) << "a retry is missing";
+  };
+  for (const Window window : {Window{1500ms, 2s}, Window{7500ms, 10s}, Window{22500ms, 30s}}) retryWithin(window);
+  EXPECT_EQ(env_.requests().attempts().back().url, "/a") << "the slot was given away";
   EXPECT_TRUE(delegate_->outcomes.empty());
-  failNext("timeout");
-  EXPECT_EQ(delegate_->outcomes, (Urls{"fail /a timeout"}));
+  failNext("unavailable");
+  EXPECT_EQ(delegate_->outcomes, (Urls{"fail /a unavailable"}));
+
+  // Retry-After: later than the backoff is heeded, beyond a minute it is not.
+  retryWithin({20s, 20s}, 20s);
+  retryWithin({60s, 60s}, std::chrono::hours(24));
+  retryWithin({22500ms, 30s}, 1s);
+  finishNext("ok");
 
   // A retry that succeeds finishes.
   failNext();
-  advance(500ms);
+  advance(2s);
   finishNext("ok");
   advance(60s);
-  EXPECT_EQ(attemptedURLs(), (Urls{"/a", "/a", "/a", "/a", "/b", "/b"}));
-  EXPECT_EQ(delegate_->outcomes, (Urls{"fail /a timeout", "finish /b ok"}));
+  EXPECT_EQ(attemptedURLs(), (Urls{"/a", "/a", "/a", "/a", "/b", "/b", "/b", "/b", "/c", "/c"}));
+  EXPECT_EQ(delegate_->outcomes, (Urls{"fail /a unavailable", "finish /b ok", "finish /c ok"}));
 }
 
 TEST_F(QELRequestQueueTest, CancelInEachStateSilencesTheRequestAndFreesItsSlot) {
@@ -243,7 +258,7 @@ TEST_F(QELRequestQueueTest, TheDefaultTransportFailsClearlyWithoutACabinHost) {
   auto queue = QELRequestQueue::create();
   queue->addRequest(request("/a", 1));
   runPending();
-  advance(1s);
+  advance(2s);
   RunLoop::current().runUntil([&] { return !delegate_->outcomes.empty(); }, 5s);
   ASSERT_EQ(delegate_->outcomes.size(), 1u);
   EXPECT_EQ(delegate_->outcomes[0].rfind("fail /a ", 0), 0u) << delegate_->outcomes[0];

@@ -7,8 +7,10 @@
 #include "../Support/Simulator.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -69,9 +71,9 @@ class EndToEndTest : public ::testing::Test {
 };
 
 TEST_F(EndToEndTest, FirstDataByRestThenByPushAndAChangeOfResolution) {
-  // Two failed map data answers are within the retries: nobody hears of them.
+  // A failed map data answer is within the retries: nobody hears of it.
   cabinsim::ServerOptions options;
-  options.faults.failRest = 2;
+  options.faults.failRest = 1;
   startServer(options);
   auto maps = startService(CGSize{800, 600});
 
@@ -129,6 +131,56 @@ TEST_F(EndToEndTest, ADroppedEventChannelReportsNoDataAndTheMapComesBack) {
   ASSERT_TRUE(waitFor([&] { return server().eventClientCount() == 1; }));
   server().tick();
   ASSERT_TRUE(waitFor([&] { return maps->mapImage() != nullptr; }));
+}
+
+// The map data service is down for 7.5 s while the event channel stays up,
+// so nothing else would load the map data again: the retries outlast it.
+TEST_F(EndToEndTest, AMapDataOutageWhileTheEventChannelStaysUpCostsNoMap) {
+  cabinsim::ServerOptions options;
+  options.faults.failRestForSeconds = 7.5;
+  startServer(options);
+  auto maps = startService();
+  ASSERT_TRUE(waitFor([&] { return server().eventClientCount() == 1; }));
+  ASSERT_TRUE(RunLoop::current().runUntil([&] { return maps->mapImage() != nullptr || app_->count(kError) > 0; }, 45s));
+  EXPECT_NE(maps->mapImage(), nullptr);
+  EXPECT_EQ(app_->count(kError), 0u);
+}
+
+// The cabin's name lists 1,265 loopback addresses where nothing listens
+// before its own, and the process may open only 128 files: a failed attempt
+// gives its descriptor back at once, so both channels still connect soon.
+TEST_F(EndToEndTest, ANameWithManyRefusingAddressesCostsFewDescriptorsAndSeconds) {
+  startServer({}, "localhost");
+  std::string addresses;
+  for (int round = 0; round < 5; ++round) {
+    for (int last = 2; last < 255; ++last) addresses += "127.0.0." + std::to_string(last) + ",";
+  }
+  server_->configuration().resolve = {"localhost:" + std::to_string(server_->port()) + ":" + addresses + "127.0.0.1"};
+  core::QELConfiguration::set(server_->configuration());
+
+  constexpr rlim_t kLimit = 128;
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  rlimit lowered = saved;
+  lowered.rlim_cur = std::min(saved.rlim_cur, kLimit);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+  const auto started = std::chrono::steady_clock::now();
+  auto maps = startService();
+  std::ptrdiff_t peak = 0;
+  const bool connected = RunLoop::current().runUntil(
+      [&] {
+        std::error_code error;  // no descriptor left to list them: at the limit
+        std::filesystem::directory_iterator open("/proc/self/fd", error);
+        peak = std::max(peak, error ? static_cast<std::ptrdiff_t>(kLimit) : std::distance(open, {}));
+        return maps->mapImage() && server().eventClientCount() == 1;
+      },
+      15s);
+  const auto took = std::chrono::steady_clock::now() - started;
+  setrlimit(RLIMIT_NOFILE, &saved);
+  ASSERT_TRUE(connected) << "map " << (maps->mapImage() != nullptr) << ", event channel "
+                         << server().eventClientCount();
+  EXPECT_LT(took, 5s);
+  EXPECT_LT(peak, static_cast<std::ptrdiff_t>(kLimit));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 // or a late call fails here.
 
 #include <QELMaps/QELMaps.h>
+#include <qel/core/QELLogging.h>
 
 #include "../Support/Simulator.h"
 
@@ -17,8 +18,10 @@
 #include <atomic>
 #include <functional>
 #include <future>
+#include <memory>
 #include <random>
 #include <thread>
+#include <vector>
 
 namespace qel {
 namespace {
@@ -84,6 +87,47 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds time
     std::this_thread::sleep_for(1ms);
   }
   return true;
+}
+
+// The C API replaces the log sink while the host's thread and application
+// threads write lines: the sink is read and replaced under one rule, and a
+// sink once replaced is never called again.
+TEST(HostStressTest, ASinkReplacedWhileOtherThreadsLogIsNeverCalledAfterwards) {
+  struct Capture {
+    std::atomic<bool> entered{false};
+    std::atomic<bool> removed{false};
+    std::atomic<int> lateCalls{0};
+  };
+  std::atomic<bool> done{false};
+  std::vector<std::thread> writers;
+  for (int i = 0; i < 2; ++i) {
+    writers.emplace_back([&] {
+      while (!done) {
+        core::QELLogging::write(1, "Writer.cpp", "a line");
+        std::this_thread::yield();
+      }
+    });
+  }
+  std::vector<std::shared_ptr<Capture>> captures;
+  for (int i = 0; i < 50; ++i) {
+    auto capture = captures.emplace_back(std::make_shared<Capture>());
+    core::QELLogging::setSink([capture](int, std::string_view, std::string_view) {
+      capture->entered = true;
+      // A sink that takes a while, as an application's may: a replacement
+      // that does not wait for this call returns meanwhile.
+      for (int step = 0; step < 20 && !capture->removed; ++step) std::this_thread::sleep_for(100us);
+      if (capture->removed) ++capture->lateCalls;
+    });
+    while (!capture->entered) std::this_thread::yield();
+    core::QELLogging::setSink([](int, std::string_view, std::string_view) {});
+    capture->removed = true;
+  }
+  done = true;
+  for (auto& writer : writers) writer.join();
+  core::QELLogging::setSink({});
+  int late = 0;
+  for (const auto& capture : captures) late += capture->lateCalls;
+  EXPECT_EQ(late, 0) << "a replaced sink was called after setSink() returned";
 }
 
 TEST(HostStressTest, RandomCallsFromTheApplicationWhileTheServerPushesAndDrops) {

@@ -165,7 +165,7 @@ TEST_F(GoldenLog, ScenarioLogsWhatTheGoldenFileSays) {
   service->broadcastMaps()->broadcastMapsController()->reloadData();
   for (int attempt = 0; attempt < 4; ++attempt) {
     answer(core::QELRequest::Kind::REST, std::nullopt);
-    advance(10);
+    advance(30);  // the longest wait before a retry
   }
 
   // Another sender's stop, then the end of everything.

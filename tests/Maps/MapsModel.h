@@ -12,6 +12,7 @@
 
 #include <boost/json.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -152,6 +153,7 @@ class World {
     enum Phase { Waiting, Running, BackingOff } phase = Waiting;
     int failures = 0;
     std::optional<Timer> retry;
+    std::int64_t earliest = 0;
   };
   // Thrown by the internal centre's first observer when a stop exchange has
   // gone on long enough to show that it does not end by itself.
@@ -270,8 +272,10 @@ class World {
 
   enum class BodyKind { Valid, EmptyObject, NotJSON, TopLevelArray, ImagesNull, ElementNotObject };
   // Answers the oldest open map data request.
-  void answerRest(BodyKind kind, const std::vector<ImageSpec>& images) {
-    const int generation = finishRest();
+  // `current`: whether the request answered is the live controller's (the
+  // core kit's random retry waits decide which of several is the oldest).
+  void answerRest(BodyKind kind, const std::vector<ImageSpec>& images, bool current) {
+    const int generation = finishRest(current);
     if (generation == controller) {
       if (kind == BodyKind::Valid || kind == BodyKind::EmptyObject) {
         std::vector<Entry> replaced;
@@ -282,14 +286,19 @@ class World {
     }
     settle();
   }
-  void failRest() {
-    auto& queue = restQueues_[openRest_.front()];
-    openRest_.erase(openRest_.begin());
+  void failRest(bool current) {
+    const auto open = pickRest(current);
+    auto& queue = restQueues_[*open];
+    openRest_.erase(open);
     auto& head = queue.front();
     if (head.failures < 3) {
       ++head.failures;
       head.phase = RestRequest::BackingOff;
-      head.retry = schedule(500LL << (head.failures - 1));
+      // The core kit waits a random time between three quarters of a bound
+      // and the bound (2, 10, 30 s): due at the bound, possibly earlier.
+      const std::int64_t bound = std::min<std::int64_t>(2000 * (head.failures == 1 ? 1 : head.failures == 2 ? 5 : 15), 30000);
+      head.retry = schedule(bound);
+      head.earliest = now + bound * 3 / 4;
     } else {
       const int generation = head.controller;
       queue.pop_front();
@@ -312,6 +321,22 @@ class World {
       if (connected) engines[e].retryTimer = schedule(5000);
     }
     settle();
+  }
+
+  // A map data retry whose random wait may have ended: the driver saw that
+  // it did.
+  void restRetryFired() {
+    for (auto& [generation, queue] : restQueues_) {
+      for (auto& request : queue) {
+        if (request.retry && request.earliest <= now) {
+          request.retry.reset();
+          request.phase = RestRequest::Running;
+          openRest_.push_back(generation);
+          ++restAttempts;
+          return;
+        }
+      }
+    }
   }
 
   // Fires every timer due within `ms`, earliest first.
@@ -366,7 +391,7 @@ class World {
     record = std::nullopt;
     reloadData();
   }
-  void reloadData() { restQueues_[controller].push_back(RestRequest{controller, RestRequest::Waiting, 0, std::nullopt}); }
+  void reloadData() { restQueues_[controller].push_back(RestRequest{controller, RestRequest::Waiting, 0, std::nullopt, 0}); }
 
   static void put(std::vector<Entry>& entries, const ImageSpec& image) {
     const auto key = image.key();
@@ -519,9 +544,14 @@ class World {
   }
 
   // The oldest open map data request finishes; its queue starts the next.
-  int finishRest() {
-    const int generation = openRest_.front();
-    openRest_.erase(openRest_.begin());
+  std::vector<int>::iterator pickRest(bool current) {
+    return std::find_if(openRest_.begin(), openRest_.end(),
+                        [&](int generation) { return (generation == controller) == current; });
+  }
+  int finishRest(bool current) {
+    const auto open = pickRest(current);
+    const int generation = *open;
+    openRest_.erase(open);
     restQueues_[generation].pop_front();
     pumpRest(generation);
     return generation;

@@ -198,6 +198,16 @@ class Harness {
     return made;
   }
 
+  // Whether a map data attempt is the live controller's.
+  bool isCurrent(std::size_t attempt) {
+    const auto request = env_.requests().attempts()[attempt].request.lock();
+    const auto delegate = request ? request->delegate() : nullptr;
+    for (const auto& engine : engines_)
+      if (const auto live = engine.lock())
+        return delegate && delegate.get() == static_cast<core::QELRequestDelegate*>(live->broadcastMapsController().get());
+    return false;
+  }
+
   std::vector<std::size_t> openOf(core::QELRequest::Kind kind) {
     std::vector<std::size_t> result;
     for (auto index : env_.requests().openAttempts())
@@ -319,15 +329,17 @@ class Harness {
           case Kind::ImagesNull: body = R"({"images": null})"; break;
           case Kind::ElementNotObject: body = R"({"images": [{"width": 800, "height": 600}, 7]})"; break;
         }
+        const bool current = isCurrent(open.front());
         env_.requests().finish(open.front(), body);
-        model_.answerRest(kind, step.images);
+        model_.answerRest(kind, step.images, current);
         break;
       }
       case Op::RestFail: {
         const auto open = openOf(core::QELRequest::Kind::REST);
         if (open.empty()) return;
+        const bool current = isCurrent(open.front());
         env_.requests().fail(open.front());
-        model_.failRest();
+        model_.failRest(current);
         break;
       }
       case Op::ImageAnswer: {
@@ -360,6 +372,8 @@ class Harness {
         const auto ms = kAdvances[step.b % 7];
         loop().advance(std::chrono::milliseconds(ms));
         model_.advance(ms);
+        drain();
+        if (openOf(core::QELRequest::Kind::REST).size() > model_.openRest().size()) model_.restRetryFired();
         break;
       }
       case Op::PostStop: {

@@ -24,12 +24,19 @@ namespace {
 using internal::QELBroadcastMapsController;
 
 constexpr const char* kStart = "BROADCAST_MAPS_IMAGE_DID_START_RECEIVING_IMAGE";
+constexpr const char* kRetrying = "-[_QELBroadcastMaps requestDidFail:withError:] Retrying...";
 
 class ServiceTest : public MapsTest {
  protected:
   void TearDown() override {
     drain();
     EXPECT_EQ(QELBroadcastMapsController::ownersCount(), 0) << "an engine outlived its test";
+  }
+
+  // Brings the event channel up and answers the reload it causes.
+  void connect(const boost::json::array& images) {
+    events().connect();
+    answerRest(images);
   }
 
   std::shared_ptr<NotificationRecorder> app_ = NotificationRecorder::observe(NotificationCenter::defaultCenter());
@@ -122,6 +129,34 @@ TEST_F(ServiceTest, EntriesFromAnotherThreadStopTheProcess) {
         "called off its run loop thread");
   }
 #endif
+}
+
+// The host runs each service on a thread of its own, one after another. A
+// service released without stop() while its retry is pending goes when its
+// thread's loop ends, and the map data the process shares goes with that
+// loop, even while a service of it is still held: the next thread's service
+// starts afresh, not on a queue of the ended loop.
+TEST_F(ServiceTest, AServiceLeftRetryingGoesWithItsThreadsLoopAndTheNextStartsAfresh) {
+  std::shared_ptr<QELBroadcastMapsV1> kept;
+  std::thread([&] {
+    kept = QELBroadcastMapsV1::create();
+    auto service = QELBroadcastMapsV1::create();
+    answerRest({imageEntry(800, 600, "/a.png")});
+    connect({imageEntry(800, 600, "/a.png")});
+    service->start();
+    failImage();
+    ASSERT_EQ(logged(4, kRetrying), 1u);
+  }).join();
+  EXPECT_EQ(QELBroadcastMapsController::ownersCount(), 1);
+
+  std::thread([&] {
+    auto service = QELBroadcastMapsV1::create();
+    answerRest({imageEntry(800, 600, "/b.png")});
+    service->start();
+    answerImage(pngBytes(8, 6, 1));
+    EXPECT_NE(service->mapImage(), nullptr);
+  }).join();
+  kept.reset();
 }
 
 }  // namespace

@@ -1,8 +1,14 @@
 #include "NetworkTestSupport.h"
 
+#include <qel/core/QELLogging.h>
 #include <qel/core/QELRequestQueue.h>
 #include <qel/core/net/HttpsRequestTransport.h>
 #include <qel/core/net/NetworkError.h>
+
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+
+#include <algorithm>
 
 namespace qel::core::net::testing {
 namespace {
@@ -37,6 +43,33 @@ class ServiceRequest : public QELRESTRequest {
   explicit ServiceRequest(std::weak_ptr<QELRequestDelegate> delegate) : QELRESTRequest(std::move(delegate)) {}
 };
 
+// Completions are collected for a whole pass of the multi handle before any
+// runs; one that frees a handle (here: removes it and reuses it for another
+// transfer, as the allocator may hand out a freed handle's address) must not
+// pass the old transfer's result to the new one.
+TEST(CurlMultiTest, ACompletionReachesOnlyTheTransferItBelongsTo) {
+  auto& loop = RunLoop::current();
+  auto& multi = CurlMulti::of(loop.context());
+  CURL* first = curl_easy_init();
+  CURL* second = curl_easy_init();
+  // Both fail in the same pass, without I/O.
+  curl_easy_setopt(first, CURLOPT_URL, "unknown://a");
+  curl_easy_setopt(second, CURLOPT_URL, "unknown://b");
+  std::vector<CURLcode> reused;
+  ASSERT_TRUE(multi.add(first, [&](CURLcode) {
+    multi.remove(second);
+    curl_easy_reset(second);
+    curl_easy_setopt(second, CURLOPT_URL, "http://[");
+    multi.add(second, [&](CURLcode result) { reused.push_back(result); });
+  }));
+  ASSERT_TRUE(multi.add(second, [](CURLcode) {}));
+  loop.runUntil([&] { return !reused.empty(); }, std::chrono::seconds(10));
+  loop.runPending();
+  EXPECT_EQ(reused, std::vector<CURLcode>{CURLE_URL_MALFORMAT});
+  curl_easy_cleanup(first);
+  curl_easy_cleanup(second);
+}
+
 class HttpsRequestTransportTests : public NetworkTest {
  protected:
   HttpsRequestTransportTests() { useTransport(); }
@@ -65,15 +98,66 @@ class HttpsRequestTransportTests : public NetworkTest {
 };
 
 TEST_F(HttpsRequestTransportTests, AnswersOtherThanSuccessWithinTheSizeLimitFail) {
+  // Server text (a Location, a picture source) in every line at every
+  // level: none may carry a control character.
+  std::vector<std::string> lines;
+  const int threshold = QELLogging::threshold();
+  QELLogging::setThreshold(5);
+  QELLogging::setSink([&](int, std::string_view, std::string_view message) { lines.emplace_back(message); });
   service("https://127.0.0.1/status/404");
-  service("https://127.0.0.1/status/302");
+  service("https://127.0.0.1/redirect");
   service("https://127.0.0.1/big");
   image("/big.png");  // images may be far larger than service answers
+  auto forged = QELImageDownloadRequest::initWithImageURL("/maps/a.png?\n1 FAKE\x1b[2J\x0b\x0c", delegate_);
+  queue_->addRequest(forged);
+  forged->cancel();
   ASSERT_TRUE(waitForOutcomes(4));
+  QELLogging::setSink({});
+  QELLogging::setThreshold(threshold);
   EXPECT_EQ(delegate_->outcomes,
             (std::vector<std::string>{"status 404", failed(NetworkErrorCode::Redirect),
                                       failed(NetworkErrorCode::TooLarge), std::to_string(1024 * 1024 + 1) + " bytes"}))
       << delegate_->descriptions;
+  EXPECT_THAT(lines, ::testing::Contains(::testing::HasSubstr("1 FAKE")));
+  for (const auto& line : lines) {
+    EXPECT_TRUE(std::none_of(line.begin(), line.end(), [](char c) { return (c >= 0 && c < 0x20) || c == 0x7f; }))
+        << line;
+  }
+
+  // The server's Retry-After reaches the queue, in either form (a day at most).
+  auto transport = useTransport();
+  const std::pair<const char*, std::optional<std::chrono::seconds>> cases[] = {
+      {"7", 7s}, {"date", 24h}, {"soon", std::nullopt}};
+  for (const auto& [value, expected] : cases) {
+    std::optional<TransportResult> result;
+    auto request = QELRESTRequest::requestWithDelegate<ServiceRequest>(delegate_);
+    request->url = std::string("https://127.0.0.1/status/503?retry-after=") + value;
+    auto operation = transport->start(*request, [&](TransportResult r) { result = std::move(r); });
+    ASSERT_TRUE(runUntil([&] { return result.has_value(); }));
+    EXPECT_EQ(result->retryAfter, expected) << value;
+  }
+}
+
+// 64 MiB of zeros gzipped, as a transfer coding (which curl would inflate
+// unasked, up to the picture's cap) and as a content coding: refused at the
+// header, so the process's peak memory grows by far less than the picture's
+// cap (it grew by 37 MiB when the transfer coding was inflated).
+TEST_F(HttpsRequestTransportTests, CodingsNeverAskedForAreRefusedBeforeAnythingIsInflated) {
+  image("/maps/1.png");  // a connection and TLS set up before measuring
+  ASSERT_TRUE(waitForOutcomes(1));
+  delegate_->outcomes.clear();
+  rusage before{};
+  getrusage(RUSAGE_SELF, &before);
+  image("/gzip-bomb.png");
+  image("/gzip-bomb");
+  ASSERT_TRUE(waitForOutcomes(2));
+  rusage after{};
+  getrusage(RUSAGE_SELF, &after);
+  EXPECT_EQ(delegate_->outcomes, (std::vector<std::string>{failed(NetworkErrorCode::Io), failed(NetworkErrorCode::Io)}))
+      << delegate_->descriptions;
+  EXPECT_THAT(delegate_->descriptions, ::testing::HasSubstr("not asked for (Transfer-Encoding: gzip)"));
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, static_cast<long>(QELImageDownloadRequest::kMaximumResponseSize / 1024))
+      << "KiB more at the peak";
 }
 
 TEST_F(HttpsRequestTransportTests, OnlyTheCabinHostCertifiedByTheTrustedAuthorityIsReached) {
@@ -167,6 +251,21 @@ TEST_F(HttpsRequestTransportTests, ADeadFirstAddressCostsOnlyItsShortWindow) {
     EXPECT_EQ(delegate_->outcomes.back(), "body of /maps/1.png") << delegate_->descriptions;
     EXPECT_LT(std::chrono::steady_clock::now() - started, 1500ms);
   }
+}
+
+TEST_F(HttpsRequestTransportTests, ManySilentAddressesShareOneBudget) {
+  // Twelve windows would reach the server after 3 s; the budget ends it first.
+  SilentAddresses addresses(server_.port(), 12);
+  QELConfiguration::set(addresses.configuration);
+  HttpsRequestTransport::Options options;
+  options.addressBudget = 1s;
+  useTransport(options);
+  const auto started = std::chrono::steady_clock::now();
+  image("/maps/1.png");
+  ASSERT_TRUE(waitForOutcomes(1));
+  EXPECT_EQ(delegate_->outcomes.back(), failed(NetworkErrorCode::Connect)) << delegate_->descriptions;
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+  EXPECT_TRUE(server_.requestTargets().empty());
 }
 
 TEST_F(HttpsRequestTransportTests, ConnectionsAreBoundedExpireWhenIdleAndResumeTls) {

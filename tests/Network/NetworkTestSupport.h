@@ -13,6 +13,8 @@
 
 #include <chrono>
 #include <cstdio>
+#include <deque>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -37,6 +39,39 @@ struct DeadFirstAddresses {
   TestDnsServer dns{RunLoop::current().context()};
   QELConfiguration configuration = QELConfiguration::effective();
 };
+
+// `count` dead hosts at 127.0.0.2 and up on `port` (each a listener whose
+// accept queue is full), then 127.0.0.1, as the fixed table entry for
+// "cabin.test" in `configuration`.
+struct SilentAddresses {
+  SilentAddresses(std::uint16_t port, int count) {
+    std::string addresses;
+    for (int i = 0; i < count; ++i) {
+      const auto address = boost::asio::ip::make_address("127.0.0." + std::to_string(2 + i));
+      auto& acceptor = acceptors.emplace_back(RunLoop::current().context());
+      acceptor.open(boost::asio::ip::tcp::v4());
+      acceptor.bind({address, port});
+      acceptor.listen(0);
+      fillers.emplace_back(RunLoop::current().context()).connect(acceptor.local_endpoint());
+      addresses += address.to_string() + ",";
+    }
+    configuration.host = "cabin.test";
+    configuration.resolve = {"cabin.test:" + std::to_string(port) + ":" + addresses + "127.0.0.1"};
+  }
+  std::deque<boost::asio::ip::tcp::acceptor> acceptors;
+  std::deque<boost::asio::ip::tcp::socket> fillers;
+  QELConfiguration configuration = QELConfiguration::effective();
+};
+
+// Descriptors this process has open now.
+inline long openDescriptors() {
+  long count = 0;
+  std::error_code error;
+  for (auto it = std::filesystem::directory_iterator("/proc/self/fd", error); !error && it != decltype(it)(); ++it) {
+    ++count;
+  }
+  return count;
+}
 
 // A trusted CA written to a file, a server it certified for 127.0.0.1 and
 // localhost, and the core kit configured to reach it.

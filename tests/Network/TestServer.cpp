@@ -1,5 +1,9 @@
 #include "TestServer.h"
 
+#include <zlib.h>
+
+#include <sstream>
+
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -81,6 +85,30 @@ asio::awaitable<void> serveWebSocket(Connection& connection, const http::request
   }
 }
 
+// 64 MiB of zeros, gzip-compressed (about 64 KiB), made once.
+const std::string& gzipBomb() {
+  static const std::string bomb = [] {
+    z_stream stream{};
+    deflateInit2(&stream, Z_BEST_COMPRESSION, Z_DEFLATED, 16 + MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
+    std::string zeros(1024 * 1024, '\0'), out;
+    char buffer[16384];
+    for (int i = 0; i < 64; ++i) {
+      stream.next_in = reinterpret_cast<Bytef*>(zeros.data());
+      stream.avail_in = static_cast<uInt>(zeros.size());
+      const int flush = i == 63 ? Z_FINISH : Z_NO_FLUSH;
+      do {
+        stream.next_out = reinterpret_cast<Bytef*>(buffer);
+        stream.avail_out = sizeof buffer;
+        deflate(&stream, flush);
+        out.append(buffer, sizeof buffer - stream.avail_out);
+      } while (stream.avail_out == 0);
+    }
+    deflateEnd(&stream);
+    return out;
+  }();
+  return bomb;
+}
+
 asio::awaitable<void> writeText(Connection& connection, const std::string& text) {
   co_await asio::async_write(connection.stream, asio::buffer(text), use_awaitable);
 }
@@ -101,9 +129,29 @@ asio::awaitable<void> serve(std::shared_ptr<TestServer::State> state, std::share
     if (target == "/held") co_await waitFor(state->released);
     if (target.starts_with("/early"))
       co_await writeText(*connection, "HTTP/1.1 103 Early Hints\r\nLink: </a.css>\r\n\r\n");
+    if (target == "/redirect") {  // a Location that tries to forge log lines
+      co_await writeText(*connection,
+                         "HTTP/1.1 302 Found\r\nLocation: /moved\x1b[2J\x0b\x0c 1 FAKE\r\nContent-Length: 0\r\n\r\n");
+      continue;
+    }
     if (target.starts_with("/close")) {
       co_await writeText(*connection, "HTTP/1.1 200 OK\r\n\r\nbody of " + target);
       co_return co_await connection->stream.async_shutdown(use_awaitable);
+    }
+    if (target.starts_with("/gzip-bomb")) {
+      const auto& bomb = gzipBomb();
+      if (target.ends_with(".png")) {  // a coding of the transfer, in chunks
+        co_await writeText(*connection, "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip, chunked\r\n\r\n");
+        for (std::size_t at = 0; at < bomb.size(); at += 16384) {
+          const auto chunk = bomb.substr(at, 16384);
+          co_await writeText(*connection, (std::ostringstream() << std::hex << chunk.size()).str() + "\r\n" + chunk + "\r\n");
+        }
+        co_await writeText(*connection, "0\r\n\r\n");
+      } else {  // a coding of the content
+        co_await writeText(*connection, "HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: " +
+                                            std::to_string(bomb.size()) + "\r\n\r\n" + bomb);
+      }
+      continue;
     }
     if (target == "/trickle" || target == "/silent") {
       const int chunks = target == "/trickle" ? 12 : 1;
@@ -120,6 +168,10 @@ asio::awaitable<void> serve(std::shared_ptr<TestServer::State> state, std::share
     }
     http::response<http::string_body> response(http::status::ok, 11, "body of " + target);
     if (target.starts_with("/status/")) response.result(std::stoi(target.substr(8)));
+    if (const auto at = target.find("?retry-after="); at != std::string::npos) {
+      const auto value = target.substr(at + 13);
+      response.set(http::field::retry_after, value == "date" ? "Thu, 01 Jan 2037 00:00:00 GMT" : value);
+    }
     if (target.starts_with("/big")) response.body().assign(1024 * 1024 + 1, 'x');
     response.prepare_payload();
     co_await http::async_write(connection->stream, response, use_awaitable);

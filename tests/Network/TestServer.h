@@ -15,11 +15,14 @@ namespace qel::core::net::testing {
 // by the same loop as the code under test.
 //
 // It answers GET <target> with "body of <target>", except "/status/<code>"
-// with that status, "/big..." with one byte more than a service answer may
+// with that status (and "?retry-after=<value>" as that header, "date" a
+// date in 2037), "/big..." with one byte more than a service answer may
 // have, and "/held" not until releaseHeld(). "/early..." sends an interim
 // 103 answer first; "/close..." ends its body by closing the connection;
 // "/trickle" sends 1201 bytes, 100 every 250 ms; "/silent" sends 100 of 101
-// and the last one on releaseHeld().
+// and the last one on releaseHeld(). "/gzip-bomb..." is 64 MiB of zeros
+// gzipped, unasked: as a transfer coding for a path ending in ".png", else
+// as a content coding.
 // An upgrade request to any path becomes a WebSocket the test pushes frames
 // into.
 class TestServer {

@@ -83,6 +83,10 @@ TEST_F(WebSocketEventTransportTests, DeliversEventsDropsMalformedFramesAndReconn
   QELLogging::setSink(nullptr);
   for (const auto& line : lines) EXPECT_EQ(line.find_first_of("\n\x1b"), std::string::npos) << line;
   EXPECT_THAT(lines, ::testing::Contains(::testing::HasSubstr(R"(not json\n1 Forged.cpp ok)")));
+  // A burst of frames to drop is one line, not one per frame.
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const std::string& line) { return line.rfind("Dropped an event frame: ", 0) == 0; }),
+            1);
   EXPECT_THAT(lines, ::testing::Contains(::testing::HasSubstr(R"("bye\n1 Forged.cpp all is well\x1b[2J")")));
 
   // Only the close disconnected it, once.
@@ -124,6 +128,24 @@ TEST_F(WebSocketEventTransportTests, ADeadFirstAddressCostsOnlyItsHeadStart) {
   }
   // The table answered without asking the name server.
   EXPECT_EQ(addresses.dns.questions().size(), 2u);  // A and AAAA for named.test
+}
+
+TEST_F(WebSocketEventTransportTests, ARaceOverManySilentAddressesHoldsFewDescriptors) {
+  SilentAddresses addresses(server_.port(), 12);
+  WebSocketEventTransport::Options options;
+  options.maximumAttempts = 4;
+  options.attemptDelay = 100ms;
+  options.configuration = addresses.configuration;
+  const long before = openDescriptors();
+  long peak = before;
+  manager().setTransport(std::make_unique<WebSocketEventTransport>(std::move(options)));
+  manager().addTarget(listener_, &Listener::receive, QELServiceEventClientConnected);
+  ASSERT_TRUE(runUntil([&] {
+    peak = std::max(peak, openDescriptors());
+    return !listener_->names.empty();
+  }));
+  // The attempts allowed at once and the connection's own socket.
+  EXPECT_LE(peak - before, 4 + 1);
 }
 
 // A cabin's devices all lose the server in the same instant when it restarts;

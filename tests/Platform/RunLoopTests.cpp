@@ -144,6 +144,16 @@ TEST(PlatformTimer, HoldsItsTargetUntilDoneAndRepeatsUntilInvalidatedEvenFromIts
     EXPECT_EQ(fired, 3);
     EXPECT_TRUE(weak.expired());
   });
+
+  // A loop that ends lets go of what its timers hold, though the target
+  // holds its timer.
+  std::weak_ptr<Target> left;
+  onFreshLoop([&](RunLoop&) {
+    auto target = std::make_shared<Target>();
+    target->timer = Timer::scheduledTimer(60.0, target, &Target::tick, false);
+    left = target;
+  });
+  EXPECT_TRUE(left.expired());
 }
 
 }  // namespace

@@ -11,31 +11,14 @@
 #include <QTest>
 #include <QThread>
 
-#include "../Support/Simulator.h"
+#include "QtTestSupport.h"
 #include "MapView.h"
 #include "ViewerWindow.h"
 
-namespace {
-
-// How long the GUI thread's loop runs for a condition to hold (QTest::qWaitFor).
-constexpr int kWaitMs = 15000;
-
-// The simulator on a thread of its own (the host has its own, and the GUI
-// thread must stay free to receive), with the core kit pointed at it.
-struct Simulator : qel::testing::Simulator {
-  Simulator() { qel::core::QELConfiguration::set(configuration()); }
-  std::shared_ptr<const qel::Image> served(QSize size) {
-    const auto png = call([&](cabinsim::Server& server) { return server.currentPng({size.width(), size.height()}); });
-    return qel::Image::fromData({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()});
-  }
-};
-
-// The mean and the share of far-off channels between the window's map area,
-// scaled back to the picture's size, and the served picture: smoothing blurs
-// edges a little, nothing more.
-void expectShown(qelviewer::ViewerWindow& window, const qel::Image& served) {
-  const QImage shot = window.grab().toImage();
-  const QRect area = window.mapView()->pictureRect().translated(window.mapView()->mapTo(&window, QPoint()));
+// The mean and the share of far-off channels between a screenshot's map
+// area, scaled back to the picture's size, and the served picture: smoothing
+// blurs edges a little, nothing more.
+void expectShown(const QImage& shot, QRect area, const qel::Image& served) {
   ASSERT_GE(area.width(), 400) << "the map is not scaled to the window";
   const QImage back = shot.copy(area)
                           .scaled(int(served.width()), int(served.height()), Qt::IgnoreAspectRatio,
@@ -56,6 +39,8 @@ void expectShown(qelviewer::ViewerWindow& window, const qel::Image& served) {
   EXPECT_LT(total / (pixels * 3), 3.0) << "mean difference per channel";
   EXPECT_LT(far / (pixels * 3), 0.01) << "share of channels off by more than 48";
 }
+
+namespace {
 
 TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilTheServerStops) {
   Simulator simulator;
@@ -94,7 +79,8 @@ TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilThe
     EXPECT_EQ(picture.constBits(), maps.snapshot()->image->pixels().data()) << "the pixels were copied";
     const auto served = simulator.served({800, 600});
     ASSERT_TRUE(served);
-    expectShown(window, *served);
+    expectShown(window.grab().toImage(),
+                window.mapView()->pictureRect().translated(window.mapView()->mapTo(&window, QPoint())), *served);
 
     // Another size through the slot takes effect with the next update.
     ASSERT_TRUE(QTest::qWaitFor([&] { return simulator.eventChannelUp(); }, kWaitMs));

@@ -17,7 +17,7 @@ std::optional<cabinsim::CommandLine> parse(std::vector<std::string> args) {
 
 TEST(CommandLine, EveryFlagInBothSpellings) {
   const auto line = parse({"--host", "localhost", "--port=8443", "--ca-out", "/tmp/ca.pem", "--interval", "0.2",
-                           "--resolutions=640x480,320x240", "--fail-rest", "2", "--fail-rest-rate=0.25",
+                           "--resolutions=640x480,320x240", "--fail-rest", "2", "--fail-rest-rate=0.25", "--fail-rest-for=7.5",
                            "--drop-events-every", "1.5", "--malformed-events-every", "3", "--fail-images=4",
                            "--fail-images-rate", "0.5", "--delay-images", "250", "--non-image-body",
                            "--image-host", "https://elsewhere.example:9443", "--seed", "7"});
@@ -30,6 +30,7 @@ TEST(CommandLine, EveryFlagInBothSpellings) {
   EXPECT_EQ(o.resolutions, (std::vector<cabinsim::Resolution>{{640, 480}, {320, 240}}));
   EXPECT_EQ(o.faults.failRest, 2);
   EXPECT_DOUBLE_EQ(o.faults.failRestRate, 0.25);
+  EXPECT_DOUBLE_EQ(o.faults.failRestForSeconds, 7.5);
   EXPECT_DOUBLE_EQ(o.faults.dropEventsEverySeconds, 1.5);
   EXPECT_EQ(o.faults.malformedEventsEvery, 3);
   EXPECT_EQ(o.faults.failImages, 4);

@@ -84,13 +84,14 @@ void ScriptedRequestTransport::finish(std::size_t index, Data body) {
   deliver(operations_[index], TransportResult{std::nullopt, std::move(body)});
 }
 
-void ScriptedRequestTransport::fail(std::size_t index, std::string description) {
+void ScriptedRequestTransport::fail(std::size_t index, std::string description,
+                                    std::optional<std::chrono::seconds> retryAfter) {
   if (index >= attempts_.size() || !attempts_[index].open) {
     throw std::logic_error("scripted attempt " + std::to_string(index) + " is not open");
   }
   attempts_[index].open = false;
   deliver(operations_[index],
-          TransportResult{Error{"QELScriptedTransport", -1, std::move(description)}, {}});
+          TransportResult{Error{"QELScriptedTransport", -1, std::move(description)}, {}, retryAfter});
 }
 
 void ScriptedRequestTransport::finishNext(std::string_view body) {
@@ -99,10 +100,10 @@ void ScriptedRequestTransport::finishNext(std::string_view body) {
   finish(open.front(), body);
 }
 
-void ScriptedRequestTransport::failNext(std::string description) {
+void ScriptedRequestTransport::failNext(std::string description, std::optional<std::chrono::seconds> retryAfter) {
   const auto open = openAttempts();
   if (open.empty()) throw std::logic_error("no scripted attempt is open");
-  fail(open.front(), std::move(description));
+  fail(open.front(), std::move(description), retryAfter);
 }
 
 void ScriptedEventTransport::start(QELEventManager& manager) {

@@ -87,7 +87,7 @@ void CurlMulti::shutdown() {
   if (multi_) {
     // Whatever is still running goes quietly: the loop is going away.
     auto running = std::exchange(running_, {});
-    for (auto& [easy, done] : running) {
+    for (auto& [easy, transfer] : running) {
       curl_multi_remove_handle(multi_, easy);
       curl_easy_setopt(easy, CURLOPT_SHARE, nullptr);
     }
@@ -104,7 +104,7 @@ bool CurlMulti::add(CURL* easy, Done done) {
   curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlMulti::closeSocket);
   curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
   if (curl_multi_add_handle(multi_, easy) != CURLM_OK) return false;
-  running_.emplace(easy, std::move(done));
+  running_.insert_or_assign(easy, Running{++nextSerial_, std::move(done)});
   return true;
 }
 
@@ -229,15 +229,24 @@ void CurlMulti::act(curl_socket_t socket, int events) {
 void CurlMulti::finishDone() {
   // Collect first: a completion may add or remove transfers, and curl's
   // messages do not survive that.
-  std::vector<std::pair<CURL*, CURLcode>> finished;
+  struct Finished {
+    CURL* easy;
+    std::uint64_t serial;
+    CURLcode result;
+  };
+  std::vector<Finished> finished;
   int queued = 0;
   while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
-    if (message->msg == CURLMSG_DONE) finished.emplace_back(message->easy_handle, message->data.result);
+    if (message->msg != CURLMSG_DONE) continue;
+    const auto found = running_.find(message->easy_handle);
+    if (found != running_.end()) finished.push_back({found->first, found->second.serial, message->data.result});
   }
-  for (auto& [easy, result] : finished) {
+  for (const auto& [easy, serial, result] : finished) {
+    // Removed by an earlier completion, perhaps with a new transfer at its
+    // handle's address since.
     const auto found = running_.find(easy);
-    if (found == running_.end()) continue;  // removed by an earlier completion
-    auto done = std::move(found->second);
+    if (found == running_.end() || found->second.serial != serial) continue;
+    auto done = std::move(found->second.done);
     running_.erase(found);
     curl_multi_remove_handle(multi_, easy);
     if (running_.empty()) scheduleIdleClose();

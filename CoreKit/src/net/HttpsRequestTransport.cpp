@@ -4,15 +4,15 @@
 #include "qel/core/net/CurlMulti.h"
 #include "qel/core/net/NetworkError.h"
 #include "qel/core/net/Resolver.h"
+#include "qel/core/net/TlsContext.h"
 
 #include <qel/RunLoop.h>
 
 #include <curl/curl.h>
 
 #include <algorithm>
-#include <fstream>
+#include <cctype>
 #include <iterator>
-#include <sstream>
 #include <utility>
 
 namespace qel::core::net {
@@ -29,15 +29,6 @@ class FailedOperation : public TransportOperation {
  private:
   bool cancelled_ = false;
 };
-
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return std::nullopt;
-  std::ostringstream contents;
-  contents << file.rdbuf();
-  if (file.bad()) return std::nullopt;
-  return contents.str();
-}
 
 struct SlistDeleter {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -143,8 +134,15 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
       curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
     }
 
-    const auto connectTimeout =
+    auto connectTimeout =
         lastAddress ? options.connectTimeout : std::min(options.connectTimeout, options.addressWindow);
+    if (candidates_.size() > 1) {
+      // The addresses of one name share one budget for waiting, however many
+      // it lists; one that refuses at once costs next to nothing of it.
+      const auto left = options.addressBudget - silentTime_;
+      connectTimeout = std::clamp(left, std::chrono::milliseconds(1), connectTimeout);
+    }
+    attemptStarted_ = std::chrono::steady_clock::now();
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectTimeout.count()));
     // No total deadline: an attempt fails when nothing arrives for the
     // inactivity window. curl's own low-speed check averages over seconds,
@@ -190,9 +188,45 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
   }
 
  private:
-  static std::size_t onHeader(char*, std::size_t, std::size_t size, void* context) {
-    static_cast<CurlAttempt*>(context)->lastActivity_ = std::chrono::steady_clock::now();
+  static std::size_t onHeader(char* data, std::size_t, std::size_t size, void* context) {
+    auto& attempt = *static_cast<CurlAttempt*>(context);
+    attempt.lastActivity_ = std::chrono::steady_clock::now();
+    if (auto coding = unaskedCoding(std::string_view(data, size))) {
+      attempt.unaskedCoding_ = std::move(*coding);
+      return 0;  // aborts the transfer before any of the body arrives
+    }
     return size;
+  }
+
+  // We ask for no coding, so the only ones an answer may carry are
+  // "identity" and, for the transfer, "chunked". curl would inflate a gzip
+  // transfer coding on its own, far beyond what was sent, before the body's
+  // cap could stop it; a content coding it would hand over still compressed,
+  // which no caller could read.
+  static std::optional<std::string> unaskedCoding(std::string_view line) {
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos) return std::nullopt;
+    const auto name = line.substr(0, colon);
+    const bool transfer = equalsIgnoringCase(name, "Transfer-Encoding");
+    if (!transfer && !equalsIgnoringCase(name, "Content-Encoding")) return std::nullopt;
+    std::string_view values = line.substr(colon + 1);
+    while (!values.empty()) {
+      const auto comma = values.find(',');
+      auto value = values.substr(0, comma);
+      values = comma == std::string_view::npos ? std::string_view() : values.substr(comma + 1);
+      const auto first = value.find_first_not_of(" \t\r\n");
+      if (first == std::string_view::npos) continue;
+      value = value.substr(first, value.find_last_not_of(" \t\r\n") - first + 1);
+      if (equalsIgnoringCase(value, "identity") || (transfer && equalsIgnoringCase(value, "chunked"))) continue;
+      return std::string(name) + ": " + std::string(value);
+    }
+    return std::nullopt;
+  }
+
+  static bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+      return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+    });
   }
 
   static int onProgress(void* context, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
@@ -239,7 +273,11 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
       curl_off_t connected = 0;
       curl_easy_getinfo(easy_, CURLINFO_CONNECT_TIME_T, &connected);
       const bool unreached = connected == 0 && (result == CURLE_COULDNT_CONNECT || result == CURLE_OPERATION_TIMEDOUT);
-      if (unreached && candidate_ + 1 < candidates_.size()) {
+      if (result == CURLE_OPERATION_TIMEDOUT) {
+        silentTime_ += std::chrono::ceil<std::chrono::milliseconds>(std::chrono::steady_clock::now() - attemptStarted_);
+      }
+      const bool budgetLeft = silentTime_ < options_.addressBudget;
+      if (unreached && candidate_ + 1 < candidates_.size() && budgetLeft) {
         QELLogging::log("GET %s: %s did not answer, trying the next address", 4, kDomain, url_,
                         candidates_[candidate_]);
         ++candidate_;
@@ -247,6 +285,13 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
         if (launch(&why)) return;
       }
       auto error = errorFor(result);
+      if (unreached && candidate_ + 1 < candidates_.size() && !budgetLeft) {
+        error = networkError(NetworkErrorCode::Connect,
+                             "addresses that did not answer used up the " +
+                                 std::to_string(options_.addressBudget.count()) + " ms allowed (" +
+                                 std::to_string(candidate_ + 1) + " of " + std::to_string(candidates_.size()) +
+                                 " tried)");
+      }
       releaseEasy();
       return fail(std::move(error));
     }
@@ -257,6 +302,11 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     char* redirect = nullptr;
     curl_easy_getinfo(easy_, CURLINFO_REDIRECT_URL, &redirect);
     const std::optional<std::string> location = redirect ? std::optional<std::string>(redirect) : std::nullopt;
+    // curl reads both forms of Retry-After (seconds or a date); 0 when absent.
+    curl_off_t retryAfterSeconds = 0;
+    curl_easy_getinfo(easy_, CURLINFO_RETRY_AFTER, &retryAfterSeconds);
+    std::optional<std::chrono::seconds> retryAfter;
+    if (retryAfterSeconds > 0) retryAfter = std::chrono::seconds(std::min<curl_off_t>(retryAfterSeconds, 86400));
     releaseEasy();
     if (status >= 300 && status < 400) {
       return fail(
@@ -265,7 +315,8 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     }
     if (status < 200 || status >= 300) {
       return fail(Error{kHTTPStatusErrorDomain, static_cast<int>(status),
-                        "the server answered with status " + std::to_string(status)});
+                        "the server answered with status " + std::to_string(status)},
+                  retryAfter);
     }
     QELLogging::log("GET %s: %d, %lu bytes on a %s connection", 4, kDomain, url_, static_cast<int>(status),
                     static_cast<unsigned long>(body_.size()), connects > 0 ? "new" : "kept-alive");
@@ -276,6 +327,12 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     std::string detail = errorText_[0] ? std::string(errorText_) : std::string(curl_easy_strerror(result));
     switch (result) {
       case CURLE_WRITE_ERROR:
+        if (!unaskedCoding_.empty()) {
+          return networkError(NetworkErrorCode::Io,
+                              "the answer uses a coding that was not asked for (" +
+                                  QELLogging::escaped(unaskedCoding_) + ")");
+        }
+        [[fallthrough]];
       case CURLE_FILESIZE_EXCEEDED:
         if (result == CURLE_FILESIZE_EXCEEDED || tooLarge_) {
           return networkError(NetworkErrorCode::TooLarge,
@@ -309,9 +366,9 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     }
   }
 
-  void fail(Error error) {
+  void fail(Error error, std::optional<std::chrono::seconds> retryAfter = std::nullopt) {
     QELLogging::log("GET %s failed: %s", 2, kDomain, url_, error.localizedDescription);
-    finish(TransportResult{std::move(error), {}});
+    finish(TransportResult{std::move(error), {}, retryAfter});
   }
 
   void finish(TransportResult result) {
@@ -332,9 +389,12 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
   std::unique_ptr<Resolver> resolver_;
   std::vector<std::string> candidates_;  // "host:port:address", one per address
   std::size_t candidate_ = 0;
+  std::chrono::steady_clock::time_point attemptStarted_{};
+  std::chrono::milliseconds silentTime_{};  // spent on addresses that never answered
   Slist resolveList_;
   Data body_;
   bool tooLarge_ = false;
+  std::string unaskedCoding_;  // the header that ended the transfer, if one did
   std::chrono::milliseconds inactivityTimeout_{};
   std::chrono::steady_clock::time_point lastActivity_{};
   curl_off_t received_ = 0;
@@ -368,13 +428,9 @@ std::shared_ptr<TransportOperation> HttpsRequestTransport::start(const QELReques
   }
 
   std::optional<std::string> trust;
-  if (decision.endpoint->tls && configuration.caFile && !configuration.caFile->empty()) {
-    trust = readFile(*configuration.caFile);
-    if (!trust || trust->empty()) {
-      const auto why = "cannot read the CA file \"" + *configuration.caFile + "\"";
-      QELLogging::log("Request to %s not sent: %s", 2, kDomain, decision.endpoint->url(), why);
-      return failLater(networkError(NetworkErrorCode::TlsSetup, why));
-    }
+  if (std::string why; decision.endpoint->tls && !TlsContext::trustedPem(configuration, trust, &why)) {
+    QELLogging::log("Request to %s not sent: %s", 2, kDomain, decision.endpoint->url(), why);
+    return failLater(networkError(NetworkErrorCode::TlsSetup, why));
   }
 
   auto& multi = CurlMulti::of(loop.context());

@@ -56,7 +56,7 @@ class Resolver::Impl : public std::enable_shared_from_this<Impl> {
         fixedHosts_.push_back(std::move(*fixed));
       } else {
         QELLogging::log("Ignoring the fixed host entry \"%s\": expected HOST:PORT:ADDRESS[,ADDRESS...].", 2, kDomain,
-                        qel::core::QELLogging::escaped(entry));
+                        entry);
       }
     }
   }

@@ -15,25 +15,8 @@ namespace ssl = boost::asio::ssl;
 
 namespace {
 
-// Which trust a context was built from: the CA file's contents (a tool may
-// write a new CA to the same path between runs), or the system's store.
-struct TrustSource {
-  std::optional<std::string> caFile;
-  std::string contents;
-  bool operator==(const TrustSource&) const = default;
-
-  static TrustSource of(const std::optional<std::string>& caFile) {
-    TrustSource source;
-    if (!caFile || caFile->empty()) return source;
-    source.caFile = caFile;
-    std::ifstream file(*caFile, std::ios::binary);
-    source.contents.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    return source;
-  }
-};
-
 struct CachedContext {
-  TrustSource source;
+  std::optional<std::string> pem;
   std::shared_ptr<ssl::context> context;
 };
 
@@ -45,22 +28,41 @@ bool TlsContext::isIPLiteral(const std::string& host) {
   return !error;
 }
 
-std::shared_ptr<ssl::context> TlsContext::forCaFile(const std::optional<std::string>& caFile, std::string* error) {
+bool TlsContext::trustedPem(const QELConfiguration& configuration, std::optional<std::string>& pem,
+                            std::string* error) {
+  pem.reset();
+  if (configuration.caPem && !configuration.caPem->empty()) {
+    pem = configuration.caPem;
+    return true;
+  }
+  if (!configuration.caFile || configuration.caFile->empty()) return true;
+  std::ifstream file(*configuration.caFile, std::ios::binary);
+  std::string contents{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  if (!file.good() && !file.eof()) contents.clear();
+  if (contents.empty()) {
+    if (error) *error = "cannot read the CA file \"" + *configuration.caFile + "\"";
+    return false;
+  }
+  pem = std::move(contents);
+  return true;
+}
+
+std::shared_ptr<ssl::context> TlsContext::forTrust(const std::optional<std::string>& pem, std::string* error) {
   // Loading the system store parses hundreds of certificates; every request
   // of a session uses the same trust, so keep the last context.
   thread_local CachedContext cache;
-  const TrustSource source = TrustSource::of(caFile);
-  if (cache.context && cache.source == source) return cache.context;
+  if (cache.context && cache.pem == pem) return cache.context;
 
   auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
   context->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3 |
                        ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1);
   context->set_verify_mode(ssl::verify_peer);
   boost::system::error_code loadError;
-  if (caFile && !caFile->empty()) {
-    context->load_verify_file(*caFile, loadError);
+  if (pem) {
+    // Adds every certificate of the text, not only the first.
+    context->add_certificate_authority(boost::asio::buffer(*pem), loadError);
     if (loadError) {
-      if (error) *error = "cannot load the CA file \"" + *caFile + "\": " + loadError.message();
+      if (error) *error = "cannot load the trusted authorities: " + loadError.message();
       return nullptr;
     }
   } else {
@@ -70,7 +72,7 @@ std::shared_ptr<ssl::context> TlsContext::forCaFile(const std::optional<std::str
       return nullptr;
     }
   }
-  cache = CachedContext{source, context};
+  cache = CachedContext{pem, context};
   return context;
 }
 

@@ -115,6 +115,7 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   void onResolve(const std::string& error, Resolver::Endpoints endpoints);
   void startAttempt();
   void onAttempt(std::size_t index, const beast::error_code& error);
+  void closeAttempt(std::size_t index);
   void closeAttempts();
   void onResolveTimeout(const beast::error_code& error);
   void onConnect(const beast::error_code& error);
@@ -137,12 +138,15 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   Resolver::Endpoints endpoints_;
   std::vector<std::unique_ptr<tcp::socket>> attempts_;
   std::size_t nextAttempt_ = 0;
-  int attemptsRunning_ = 0;
+  std::size_t oldestAttempt_ = 0;  // no open attempt before this one
+  int attemptsOpen_ = 0;
   std::string lastConnectError_;
   websocket::stream<TlsStream> ws_;
   beast::flat_buffer buffer_;
   std::size_t messageSize_ = 0;
   bool oversized_ = false;
+  // A server may send frames to drop as fast as it likes.
+  QELRepeatedLines droppedFrames_;
   bool connected_ = false;
   bool ended_ = false;
 };
@@ -190,7 +194,9 @@ void WebSocketEventTransport::Channel::connect() {
   if (target.port != 443) target.hostHeader += ":" + std::to_string(target.port);
 
   std::string why;
-  auto tlsContext = TlsContext::forCaFile(configuration.caFile, &why);
+  std::optional<std::string> trust;
+  std::shared_ptr<boost::asio::ssl::context> tlsContext;
+  if (TlsContext::trustedPem(configuration, trust, &why)) tlsContext = TlsContext::forTrust(trust, &why);
   if (!tlsContext) {
     QELLogging::log("Event channel to %s not opened: %s", 2, kDomain, target.url(), why);
     return scheduleReconnect();
@@ -299,11 +305,20 @@ void WebSocketEventTransport::Session::onResolve(const std::string& error, Resol
 // attemptDelay before the next one joins, a failure lets the next join at
 // once, and the first to connect wins. A dead first address then costs a
 // fraction of a second instead of the whole connect timeout.
+//
+// A name may list many dead addresses: a failed attempt gives its descriptor
+// back at once, at most maximumAttempts run together (beyond that the oldest
+// gives way to the next), and the connect timeout bounds the race as a whole
+// and with it the addresses tried.
 void WebSocketEventTransport::Session::startAttempt() {
   if (ended_ || nextAttempt_ >= endpoints_.size()) return;
+  if (attemptsOpen_ >= std::max(1, options_.maximumAttempts)) {
+    while (!attempts_[oldestAttempt_]) ++oldestAttempt_;
+    closeAttempt(oldestAttempt_);
+  }
   const std::size_t index = nextAttempt_++;
   auto& socket = *attempts_.emplace_back(std::make_unique<tcp::socket>(ioContext_));
-  ++attemptsRunning_;
+  ++attemptsOpen_;
   socket.async_connect(endpoints_[index], beast::bind_front_handler(&Session::onAttempt, shared_from_this(), index));
   if (nextAttempt_ >= endpoints_.size()) return;
   staggerTimer_.expires_after(options_.attemptDelay);
@@ -312,34 +327,39 @@ void WebSocketEventTransport::Session::startAttempt() {
   });
 }
 
+void WebSocketEventTransport::Session::closeAttempt(std::size_t index) {
+  if (!attempts_[index]) return;
+  // Its handler still runs, aborted, and finds the slot empty.
+  beast::error_code ignored;
+  attempts_[index]->close(ignored);
+  attempts_[index].reset();
+  --attemptsOpen_;
+}
+
 void WebSocketEventTransport::Session::onAttempt(std::size_t index, const beast::error_code& error) {
-  --attemptsRunning_;
   if (ended_ || attempts_.size() <= index || !attempts_[index]) return;
   if (error) {
     std::ostringstream endpoint;
     endpoint << endpoints_[index];
     lastConnectError_ = endpoint.str() + ": " + error.message();
     QELLogging::log("Event channel: cannot connect to %s", 4, kDomain, lastConnectError_);
+    closeAttempt(index);
     if (nextAttempt_ < endpoints_.size()) return startAttempt();
-    if (attemptsRunning_ == 0) return end("cannot connect: " + lastConnectError_);
+    if (attemptsOpen_ == 0) return end("cannot connect: " + lastConnectError_);
     return;
   }
   resolveTimer_.cancel();
   staggerTimer_.cancel();
   tcp().socket() = std::move(*attempts_[index]);
   attempts_[index].reset();
+  --attemptsOpen_;
   closeAttempts();
   onConnect({});
 }
 
 void WebSocketEventTransport::Session::closeAttempts() {
   staggerTimer_.cancel();
-  // The losers' handlers still run, aborted, and find their slot empty.
-  for (auto& socket : attempts_) {
-    beast::error_code ignored;
-    if (socket) socket->close(ignored);
-    socket.reset();
-  }
+  for (std::size_t index = oldestAttempt_; index < attempts_.size(); ++index) closeAttempt(index);
 }
 
 void WebSocketEventTransport::Session::onConnect(const beast::error_code& error) {
@@ -407,8 +427,9 @@ void WebSocketEventTransport::Session::onRead(const beast::error_code& error, st
   if (oversized_) buffer_.clear();
   if (ws_.is_message_done()) {
     if (oversized_) {
-      QELLogging::log("Dropped an event frame of %lu bytes: more than the %lu allowed.", 2, kDomain,
-                      static_cast<unsigned long>(messageSize_), static_cast<unsigned long>(options_.maximumFrameSize));
+      droppedFrames_.log("Dropped an event frame of %lu bytes: more than the %lu allowed.", 2, kDomain,
+                         static_cast<unsigned long>(messageSize_),
+                         static_cast<unsigned long>(options_.maximumFrameSize));
     } else {
       handleMessage();
     }
@@ -421,8 +442,8 @@ void WebSocketEventTransport::Session::onRead(const beast::error_code& error, st
 
 void WebSocketEventTransport::Session::handleMessage() {
   if (!ws_.got_text()) {
-    QELLogging::log("Dropped a binary event frame of %lu bytes: events are JSON text.", 2, kDomain,
-                    static_cast<unsigned long>(buffer_.size()));
+    droppedFrames_.log("Dropped a binary event frame of %lu bytes: events are JSON text.", 2, kDomain,
+                       static_cast<unsigned long>(buffer_.size()));
     return;
   }
   const std::string text = beast::buffers_to_string(buffer_.data());
@@ -443,8 +464,8 @@ void WebSocketEventTransport::Session::handleMessage() {
   }
   if (problem) {
     const std::size_t shown = std::min<std::size_t>(text.size(), 80);
-    QELLogging::log("Dropped an event frame: %s (%s%s)", 2, kDomain, problem,
-                    QELLogging::escaped(text.substr(0, shown)), shown < text.size() ? "..." : "");
+    droppedFrames_.log("Dropped an event frame: %s (%s%s)", 2, kDomain, problem, text.substr(0, shown),
+                       shown < text.size() ? "..." : "");
     return;
   }
   UserInfo info;

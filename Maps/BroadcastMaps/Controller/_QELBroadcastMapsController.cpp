@@ -29,10 +29,19 @@ struct ClassState {
   std::shared_ptr<QELBroadcastMapsController> sharedBroadcastMapsController;
   std::shared_ptr<core::QELRequestQueue> sharedQueue;
   std::int32_t ownersCount = 0;
+  // The loop the shared instance and queue were made on.
+  std::weak_ptr<const void> loop;
 };
 
 ClassState& classState() {
   static auto* const state = new ClassState;
+  // The shared instance and queue post to the loop they were made on: once it
+  // has ended they go, and whoever comes next (a service on another thread,
+  // as a host runs them) starts afresh rather than on a loop that is gone.
+  if (state->loop.expired()) {
+    state->sharedBroadcastMapsController.reset();
+    state->sharedQueue.reset();
+  }
   return *state;
 }
 
@@ -154,17 +163,22 @@ std::shared_ptr<QELBroadcastMapsController> QELBroadcastMapsController::defaultC
     auto controller = std::shared_ptr<QELBroadcastMapsController>(new QELBroadcastMapsController);
     // The static holds the instance only once init has run, as an
     // assignment of the initialiser's result would.
-    if (controller->init()) classState().sharedBroadcastMapsController = std::move(controller);
+    if (controller->init()) {
+      classState().loop = RunLoop::current().lifetime();
+      classState().sharedBroadcastMapsController = std::move(controller);
+    }
   }
   return classState().sharedBroadcastMapsController;
 }
 
 std::shared_ptr<core::QELRequestQueue> QELBroadcastMapsController::requestQueue() {
-  if (!classState().sharedQueue) {
-    classState().sharedQueue = core::QELRequestQueue::create();
-    classState().sharedQueue->setMaxConcurrentOperationCount(1);
+  auto& state = classState();
+  if (!state.sharedQueue) {
+    state.loop = RunLoop::current().lifetime();
+    state.sharedQueue = core::QELRequestQueue::create();
+    state.sharedQueue->setMaxConcurrentOperationCount(1);
   }
-  return classState().sharedQueue;
+  return state.sharedQueue;
 }
 
 void QELBroadcastMapsController::own() { ++classState().ownersCount; }
@@ -243,8 +257,7 @@ void QELBroadcastMapsController::receivedMapsdataEvent(const std::shared_ptr<cor
 void QELBroadcastMapsController::processEvent(const std::string& eventName, const UserInfo& data) {
   threadChecker_.check();
   QELLogging::log("%s called. Event name: %@. Data: %@", 4, kDomain,
-                  "-[_QELBroadcastMapsController processEvent:withData:]",
-                  core::QELLogging::escaped(eventName), data);
+                  "-[_QELBroadcastMapsController processEvent:withData:]", eventName, data);
 
   // Only "images" decides whether an event is valid; the name is not checked.
   const boost::json::value* images = data ? data->if_contains("images") : nullptr;

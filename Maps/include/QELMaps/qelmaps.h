@@ -53,7 +53,8 @@
  *   ...
  *   qelmaps_client_destroy(client);
  *
- * Link with pkg-config's "qelmaps" package.
+ * Link with pkg-config's "qelmaps" package (only -lqelmaps: no C++
+ * library's headers are needed).
  */
 #ifndef QELMAPS_QELMAPS_H
 #define QELMAPS_QELMAPS_H
@@ -208,6 +209,9 @@ typedef void (*qelmaps_log_callback)(int level, const char *domain, const char *
  *   CA file       QEL_CA_FILE            the system's trust store
  *   event path    QEL_EVENT_PATH         "/skelion/events"
  *   log threshold QEL_LOG_LEVEL          3
+ *   name servers  QEL_DNS_SERVERS        the system's
+ *   max pixels    QEL_MAX_PIXELS         16777216
+ *   max entries   QEL_MAX_MAP_ENTRIES    256
  * Free it with qelmaps_config_destroy(); a client keeps its own copy. */
 QELMAPS_C_API qelmaps_config *qelmaps_config_create(void);
 
@@ -224,16 +228,42 @@ QELMAPS_C_API qelmaps_error qelmaps_config_set_port(qelmaps_config *config, int 
 /* A PEM file of the certificates to trust instead of the system's store. */
 QELMAPS_C_API qelmaps_error qelmaps_config_set_ca_file(qelmaps_config *config, const char *path);
 
+/* The certificates to trust instead of the system's store, as PEM text held
+ * in memory (an application carries its cabin authority in its bundle).
+ * `length` bytes are copied; they need no terminating NUL. Takes precedence
+ * over the CA file. Errors: NULL_ARGUMENT, INVALID_ARGUMENT (length 0). An
+ * authority that cannot be read fails each connection with a log line, as a
+ * CA file that cannot be read does. */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_ca_pem(qelmaps_config *config, const char *pem, size_t length);
+
 /* The path of the server's event WebSocket. */
 QELMAPS_C_API qelmaps_error qelmaps_config_set_event_path(qelmaps_config *config, const char *path);
+
+/* Name servers to ask instead of the system's: "ADDR[:PORT][,...]" (bracket
+ * an IPv6 address that has a port). */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_dns_servers(qelmaps_config *config, const char *servers);
+
+/* Adds a fixed host table entry "HOST:PORT:ADDR[,ADDR...]": that host and
+ * port are reached at these addresses, in this order, without a name lookup
+ * (for cabins without working DNS). Entries add up. */
+QELMAPS_C_API qelmaps_error qelmaps_config_add_resolve(qelmaps_config *config, const char *entry);
+
+/* Limits against a careless or hostile server: a picture whose header
+ * declares more than `pixels` pixels is not decoded (default 16777216), and
+ * map data that would make the record hold more than `entries` pictures is
+ * refused whole (default 256). INVALID_ARGUMENT for 0. */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_max_pixels(qelmaps_config *config, uint64_t pixels);
+QELMAPS_C_API qelmaps_error qelmaps_config_set_max_map_entries(qelmaps_config *config, size_t entries);
 
 /* Log lines above `threshold` are dropped (1 only the most severe; 5 all).
  * INVALID_ARGUMENT below 0. */
 QELMAPS_C_API qelmaps_error qelmaps_config_set_log_threshold(qelmaps_config *config, int threshold);
 
 /* Routes the library's log lines to `callback` instead of standard error,
- * from qelmaps_client_create() until qelmaps_client_destroy() returns. A
- * NULL callback restores standard error. */
+ * from qelmaps_client_create() until qelmaps_client_destroy() returns; once
+ * it has returned the callback is never called again. A NULL callback
+ * restores standard error. Messages carry no control characters: those of
+ * the server's text come escaped ("\n", "\x1b"), as on standard error. */
 QELMAPS_C_API qelmaps_error qelmaps_config_set_log_callback(qelmaps_config *config,
                                                             qelmaps_log_callback callback,
                                                             void *user_data);

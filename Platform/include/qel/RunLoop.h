@@ -68,8 +68,14 @@ class QEL_EXPORT RunLoop {
   void post(std::function<void()> callout);
 
   // Runs `callout` once `delay` has passed on the loop's clock. The returned
-  // handle cancels it; dropping the handle does not.
+  // handle cancels it; dropping the handle does not. A loop that ends lets go
+  // of the callouts it has not run.
   std::shared_ptr<ScheduledCall> schedule(Duration delay, std::function<void()> callout);
+
+  // Expires when the loop starts to end. Whoever keeps the loop's address
+  // for later checks it first: a loop ends with its thread, and code that
+  // outlives it (a service kept in a static, say) must not post to it.
+  std::weak_ptr<const void> lifetime() const { return lifetime_; }
 
   // The loop's clock.
   TimePoint now() const;
@@ -118,6 +124,8 @@ class QEL_EXPORT RunLoop {
   // Real-clock calls whose asio timers must go before the io_context does.
   std::vector<std::weak_ptr<ScheduledCall>> realCalls_;
   std::size_t pruneRealCallsAt_ = 64;
+  std::shared_ptr<const void> lifetime_ = std::make_shared<char>(0);
+  bool ending_ = false;
   [[maybe_unused]] const void* threadTag_ = nullptr;  // read only by assertions
 };
 

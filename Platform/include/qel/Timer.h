@@ -11,8 +11,10 @@ namespace qel {
 // A timer on the current thread's run loop that calls a method of its target.
 //
 // A scheduled timer holds a strong reference to its target until it fires
-// (once, unless it repeats) or is invalidated, so the target lives at least
-// that long. The loop keeps the timer alive while it is scheduled.
+// (once, unless it repeats), is invalidated or its loop ends, so the target
+// lives at least that long. The loop keeps the timer alive while it is
+// scheduled; both are held by the loop's scheduled call, so a target that
+// keeps its timer (every retry does) is let go of when the loop ends.
 //
 // Threading: the run loop thread that scheduled it.
 //
@@ -42,16 +44,14 @@ class Timer {
 
  private:
   Timer() = default;
-  void arm();
-  void fire();
+  static void arm(const std::shared_ptr<Timer>& timer, std::shared_ptr<Object> target);
+  static void fire(const std::shared_ptr<Timer>& timer, const std::shared_ptr<Object>& target);
 
   double interval_ = 0;
   bool repeats_ = false;
   bool valid_ = false;
-  std::shared_ptr<Object> target_;
   std::function<void()> action_;
   std::shared_ptr<ScheduledCall> call_;
-  std::shared_ptr<Timer> selfWhileScheduled_;
 };
 
 }  // namespace qel

@@ -127,6 +127,7 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   std::string flightMapBody;
 
   std::uint64_t restRequests = 0;
+  std::chrono::steady_clock::time_point firstRestRequest;
   std::uint64_t imageRequests = 0;
   std::uint64_t pushes = 0;
   std::uint64_t malformedSent = 0;
@@ -405,7 +406,13 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         res.set(http::field::allow, "GET, HEAD");
       } else if (path == kFlightMapPath) {
         const std::uint64_t n = ++state_->restRequests;
-        if (n <= static_cast<std::uint64_t>(state_->options.faults.failRest)) {
+        const auto now = std::chrono::steady_clock::now();
+        if (n == 1) state_->firstRestRequest = now;
+        const std::chrono::duration<double> sinceFirst = now - state_->firstRestRequest;
+        if (sinceFirst.count() < state_->options.faults.failRestForSeconds) {
+          plain(http::status::service_unavailable, "injected outage");
+          note = " (injected outage, " + std::to_string(static_cast<int>(sinceFirst.count())) + " s in)";
+        } else if (n <= static_cast<std::uint64_t>(state_->options.faults.failRest)) {
           plain(http::status::service_unavailable, "injected failure");
           note = " (injected, " + std::to_string(n) + " of " + std::to_string(state_->options.faults.failRest) + ")";
         } else if (state_->chance(state_->options.faults.failRestRate)) {

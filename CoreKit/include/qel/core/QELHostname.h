@@ -26,6 +26,10 @@ struct QEL_EXPORT QELConfiguration {
   std::optional<std::string> host;
   std::optional<std::uint16_t> port;
   std::optional<std::string> caFile;
+  // The authorities to trust as PEM text held in memory (an application
+  // that carries its cabin authority in its bundle); takes precedence over
+  // caFile. No environment fallback.
+  std::optional<std::string> caPem;
   std::optional<std::string> eventPath;
   std::optional<int> logThreshold;
   // A fixed host table for both channels: entries "HOST:PORT:ADDR[,ADDR...]"

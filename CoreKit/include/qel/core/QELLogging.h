@@ -2,9 +2,11 @@
 
 #include <qel/Format.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace qel::core {
 
@@ -17,10 +19,16 @@ namespace qel::core {
 // next to nothing when they are off.
 //
 // The default sink writes "level domain message" lines to standard error.
-// Tests replace the sink to capture records.
+// Tests and the C API replace the sink to capture records. Every control
+// character in the domain or the message (line breaks, ESC, C1 controls) is
+// written as a visible escape, whoever formatted the text, so that text a
+// server controls can neither start a line of its own nor drive a terminal;
+// a sink receives the same escaped text. Printable text is left as it is.
 //
-// Threading: call from the run loop thread; the sink and threshold are
-// process-wide settings meant to be changed at start-up or in tests.
+// Threading: any thread may log (the host's loop, application threads). The
+// sink is read and replaced under one lock and called outside it; once
+// setSink() returns, the sink it replaced is never called again (it waits
+// for calls still running on other threads; a sink may replace itself).
 //
 //   QELLogging::log("%s called.", 4, qel::lastPathComponent(__FILE__), __PRETTY_FUNCTION__);
 class QELLogging {
@@ -41,11 +49,41 @@ class QELLogging {
   static Sink sink();
   static void write(int level, std::string_view domain, std::string_view message);
 
-  // `text` made safe to put inside a line: backslashes, control characters
-  // (line breaks among them) and DEL become visible escapes ("\\", "\n",
-  // "\x1b"), so text that a server controls cannot start lines of its own
-  // or drive a terminal. Apply it where such text enters a message.
+  // `text` with backslashes and control characters as visible escapes
+  // ("\\", "\n", "\x1b"), unambiguous, for server text kept in a reason or
+  // an error description that outlives the line. Lines need no such call:
+  // write() escapes their control characters.
   static std::string escaped(std::string_view text);
+};
+
+// Keeps a warning that a server can repeat at will (one per frame it sends)
+// from flooding the log. The first of a burst is written; the same format is
+// then counted, not written, until `window` has passed on the loop's clock;
+// the next one written says how many were left out ("... (repeated 9,999
+// times)"). Only for transports' warnings: the service's traced lines are
+// never left out. Use from one run loop thread.
+class QELRepeatedLines {
+ public:
+  explicit QELRepeatedLines(std::chrono::steady_clock::duration window = std::chrono::seconds(10)) : window_(window) {}
+
+  template <class... Args>
+  void log(std::string_view format, int level, std::string_view domain, const Args&... args) {
+    if (level > QELLogging::threshold()) return;
+    std::string suffix;
+    if (!admit(format, &suffix)) return;
+    QELLogging::write(level, domain, qel::stringWithFormat(format, args...) + suffix);
+  }
+
+ private:
+  struct Burst {
+    std::string format;
+    std::chrono::steady_clock::time_point until;
+    unsigned long left = 0;
+  };
+  bool admit(std::string_view format, std::string* suffix);
+
+  std::chrono::steady_clock::duration window_;
+  std::vector<Burst> bursts_;
 };
 
 }  // namespace qel::core

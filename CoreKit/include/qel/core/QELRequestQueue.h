@@ -6,15 +6,21 @@
 #include <qel/RunLoop.h>
 
 #include <memory>
+#include <optional>
+#include <random>
 
 namespace qel::core {
 
 // Runs requests first in, first out, never more than a set number at a time.
 //
 // A failed attempt is sent again up to the request's numberOfRetries(), after
-// a short delay that grows with each try (0.5 s, 1 s, 2 s ...); the request
-// keeps its place while it waits. Only then does the delegate hear of the
-// failure. A finished, failed or cancelled request lets the next one start.
+// a delay that grows with each try (up to 2 s, 10 s, then 30 s at most, each
+// between three quarters of that and all of it, so that a cabin's devices do
+// not come back together) and is never shorter than the server's
+// Retry-After (heeded up to a minute); the request keeps its place while it
+// waits. Three retries thus span more than half a minute: a server that is
+// down for that long still answers one of them. Only then does the delegate
+// hear of the failure. A finished, failed or cancelled request lets the next one start.
 // Every delegate call comes from the run loop, never from within addRequest().
 //
 // Requests already added keep running when the queue object is destroyed.
@@ -49,8 +55,16 @@ class QELRequestQueue : public Object {
   // Requests waiting plus running.
   std::size_t operationCount() const;
 
-  // Delay before retry number `attempt` (1-based).
-  static RunLoop::Duration retryDelay(int attempt);
+  static constexpr std::chrono::seconds kFirstRetryDelay{2};
+  static constexpr int kRetryDelayGrowth = 5;
+  static constexpr std::chrono::seconds kMaximumRetryDelay{30};
+  static constexpr std::chrono::seconds kMaximumRetryAfter{60};
+
+  // Delay before retry number `retry` (1-based): a random wait between three
+  // quarters of that retry's bound and the bound, but never before the
+  // server's Retry-After, taken up to kMaximumRetryAfter.
+  static RunLoop::Duration retryDelay(int retry, std::optional<std::chrono::seconds> retryAfter,
+                                      std::mt19937& random);
 
  private:
   struct State;

@@ -4,6 +4,7 @@
 
 #include <qel/Data.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -14,6 +15,9 @@ namespace qel::core {
 struct TransportResult {
   std::optional<Error> error;
   Data data;
+  // How long the server asked to be left alone before the next try
+  // (Retry-After), when it said so.
+  std::optional<std::chrono::seconds> retryAfter = std::nullopt;
 };
 
 // One attempt in flight; cancel() makes sure its completion never runs.

@@ -10,6 +10,7 @@
 #include <curl/curl.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -98,7 +99,15 @@ class CurlMulti : public boost::asio::execution_context::service {
   boost::asio::steady_timer timer_;
   boost::asio::steady_timer idleTimer_;
   std::unordered_map<curl_socket_t, std::shared_ptr<Watch>> watches_;
-  std::map<CURL*, Done> running_;
+  // A transfer is its handle and a serial number: a handle freed and another
+  // made at its address within one pass is a different transfer, and the
+  // completion collected for the old one must not reach it.
+  struct Running {
+    std::uint64_t serial;
+    Done done;
+  };
+  std::map<CURL*, Running> running_;
+  std::uint64_t nextSerial_ = 0;
   std::shared_ptr<int> lifetime_ = std::make_shared<int>(0);
 };
 

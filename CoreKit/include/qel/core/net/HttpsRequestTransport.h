@@ -22,7 +22,8 @@ namespace qel::core::net {
 //
 // Time limits: connecting (TCP and TLS) must finish within connectTimeout. A
 // name with several addresses gets addressWindow per address but the last,
-// so a dead first address costs a quarter of a second. After that an attempt fails only when no byte arrives for
+// so a dead first address costs a quarter of a second, and all of them
+// together addressBudget. After that an attempt fails only when no byte arrives for
 // inactivityTimeout: a large picture on a slow link may take as long as it
 // keeps coming.
 //
@@ -36,6 +37,7 @@ class HttpsRequestTransport : public RequestTransport {
  public:
   static constexpr std::chrono::seconds kConnectTimeout{2};
   static constexpr std::chrono::milliseconds kAddressWindow{250};
+  static constexpr std::chrono::seconds kAddressBudget{5};
   static constexpr std::chrono::seconds kInactivityTimeout{10};
   static constexpr std::chrono::seconds kMaximumIdleTime{30};
   static constexpr long kMaximumConnections = 8;
@@ -45,6 +47,11 @@ class HttpsRequestTransport : public RequestTransport {
     // Each address of a name but the last gets this long before the next one
     // is tried.
     std::chrono::milliseconds addressWindow = kAddressWindow;
+    // The addresses of one name that never answer together get this long;
+    // those not tried by then are not tried, so a long list of silent
+    // addresses costs this, not a window each (one that refuses at once
+    // costs next to nothing).
+    std::chrono::milliseconds addressBudget = kAddressBudget;
     // Checked about once a second, so a silent peer fails within this and a
     // second more.
     std::chrono::milliseconds inactivityTimeout = kInactivityTimeout;

@@ -5,6 +5,8 @@
 #include <boost/beast/ssl/ssl_stream.hpp>
 #include <boost/system/error_code.hpp>
 
+#include <qel/core/QELHostname.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,17 +26,27 @@ using TlsStream = boost::beast::ssl_stream<boost::beast::tcp_stream>;
 // Threading: contexts are built and cached per thread; a stream is prepared
 // on the thread that runs it.
 //
+//   std::optional<std::string> pem;
 //   std::string why;
-//   auto context = TlsContext::forCaFile(config.caFile, &why);
+//   if (!TlsContext::trustedPem(configuration, pem, &why)) fail(why);
+//   auto context = TlsContext::forTrust(pem, &why);
 //   TlsStream stream(ioContext, *context);
 //   TlsContext::prepare(stream, "cabin.local", &why);
 class TlsContext {
  public:
-  // A verifying client context for `caFile` (empty: the system's store).
-  // The last one built is reused while the CA file's contents stay the
-  // same. Empty, with `error` set, when the trust store cannot be loaded.
-  static std::shared_ptr<boost::asio::ssl::context> forCaFile(const std::optional<std::string>& caFile,
-                                                              std::string* error);
+  // The authorities to trust instead of the system's store, as PEM text:
+  // the configuration's caPem, else the CA file's contents (read now, so a
+  // tool that writes a new CA to the same path is followed); left empty for
+  // the system's store. False, with `error` set, when the CA file cannot be
+  // read or is empty.
+  static bool trustedPem(const QELConfiguration& configuration, std::optional<std::string>& pem,
+                         std::string* error);
+
+  // A verifying client context that trusts `pem` (empty: the system's
+  // store). The last one built is reused while the trust stays the same.
+  // Empty, with `error` set, when the trust cannot be loaded.
+  static std::shared_ptr<boost::asio::ssl::context> forTrust(const std::optional<std::string>& pem,
+                                                             std::string* error);
 
   // Readies `stream` to talk to `host`: SNI for a name (never for an IP
   // literal) and the check that the certificate names it.

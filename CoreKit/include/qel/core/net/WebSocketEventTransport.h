@@ -16,7 +16,9 @@ namespace qel::core::net {
 //
 // A host with several addresses is raced: each address gets a short head
 // start (attemptDelay) before the next joins, and the first to connect is
-// used, so a dead address costs a fraction of a second.
+// used, so a dead address costs a fraction of a second. A failed attempt
+// closes its socket at once and at most maximumAttempts run together, so a
+// name with a thousand dead addresses costs a handful of descriptors.
 //
 // Each text frame is one JSON object {"name": "...", "userInfo": {...}}
 // ("userInfo" may be absent) and becomes one event for the manager. Frames
@@ -44,6 +46,7 @@ class WebSocketEventTransport : public EventTransport {
  public:
   static constexpr std::chrono::seconds kConnectTimeout{5};
   static constexpr std::chrono::milliseconds kAttemptDelay{250};
+  static constexpr int kMaximumAttempts = 8;
   static constexpr std::chrono::seconds kDeadAfter{20};
   static constexpr std::chrono::milliseconds kInitialBackoff{2000};
   static constexpr std::chrono::seconds kMaximumBackoff{30};
@@ -56,6 +59,9 @@ class WebSocketEventTransport : public EventTransport {
     // With several addresses, how long one connect attempt runs alone
     // before the next address joins the race.
     std::chrono::steady_clock::duration attemptDelay = kAttemptDelay;
+    // Connect attempts running at once: the race over a long list of dead
+    // addresses holds no more descriptors than this.
+    int maximumAttempts = kMaximumAttempts;
     std::chrono::steady_clock::duration deadAfter = kDeadAfter;
     std::chrono::steady_clock::duration initialBackoff = kInitialBackoff;
     std::chrono::steady_clock::duration maximumBackoff = kMaximumBackoff;

@@ -49,10 +49,12 @@ class ScriptedRequestTransport : public RequestTransport {
   // Finishing or failing an attempt that is not open throws std::logic_error.
   void finish(std::size_t index, std::string_view body);
   void finish(std::size_t index, Data body);
-  void fail(std::size_t index, std::string description = "scripted failure");
+  void fail(std::size_t index, std::string description = "scripted failure",
+            std::optional<std::chrono::seconds> retryAfter = std::nullopt);
   // Finishes or fails the oldest open attempt.
   void finishNext(std::string_view body);
-  void failNext(std::string description = "scripted failure");
+  void failNext(std::string description = "scripted failure",
+                std::optional<std::chrono::seconds> retryAfter = std::nullopt);
 
  private:
   struct Operation;

@@ -1,0 +1,75 @@
+// What the C API's handles are, shared by the files that implement them
+// (one per handle: Configuration.cpp, Client.cpp, Picture.cpp, and
+// Library.cpp for what needs no handle).
+//
+// No exception crosses a qelmaps_* function: each one either cannot throw
+// or catches and answers with an error code.
+//
+// Threading: a configuration belongs to the thread that fills it; a client
+// is used from any thread (the host behind it is); a picture is immutable
+// and reference-counted atomically.
+#pragma once
+
+#include <QELMaps/QELBroadcastMapsHost.h>
+#include <QELMaps/qelmaps.h>
+
+#include <qel/core/QELHostname.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <optional>
+
+namespace qel::capi {
+
+using Snapshot = QELBroadcastMapsHost::Snapshot;
+
+constexpr std::size_t kEventCount = 6;
+
+struct Callback {
+  qelmaps_callback function = nullptr;
+  void* userData = nullptr;
+};
+
+inline bool validEvent(qelmaps_event event) { return static_cast<unsigned>(event) < kEventCount; }
+
+// The delivery whose callback runs on this thread, so that reads inside a
+// callback see what was announced rather than a later state.
+struct Delivery {
+  const qelmaps_client* client = nullptr;
+  const Snapshot* snapshot = nullptr;
+};
+extern thread_local Delivery currentDelivery;
+
+}  // namespace qel::capi
+
+struct qelmaps_config {
+  qel::core::QELConfiguration configuration;
+  std::array<qel::capi::Callback, qel::capi::kEventCount> callbacks{};
+  qelmaps_dispatch dispatch = nullptr;
+  void* dispatchUserData = nullptr;
+  qelmaps_log_callback log = nullptr;
+  void* logUserData = nullptr;
+};
+
+struct qelmaps_client {
+  std::array<qel::capi::Callback, qel::capi::kEventCount> callbacks{};
+  bool logRouted = false;
+  bool dispatched = false;
+  std::unique_ptr<qel::QELBroadcastMapsHost> host;
+
+  qel::capi::Snapshot snapshot() const {
+    if (qel::capi::currentDelivery.client == this) return *qel::capi::currentDelivery.snapshot;
+    return host->snapshot();
+  }
+};
+
+struct qelmaps_task {
+  qel::QELBroadcastMapsHost::Task task;
+};
+
+struct qelmaps_picture {
+  std::shared_ptr<const qel::Image> image;
+  std::atomic<std::size_t> references{1};
+};

@@ -1,0 +1,96 @@
+"""Loading libqelmaps and declaring its C API for ctypes.
+
+The library is looked for where an application expects it: the path in
+QELMAPS_LIBRARY, then the copy a wheel bundles inside this package, then the
+system's loader (the Debian package libqelmaps1). When none loads, the
+ImportError says where it looked and how to fix it.
+"""
+
+import ctypes
+import ctypes.util
+import os
+from typing import List
+
+class Size(ctypes.Structure):
+    _fields_ = [("width", ctypes.c_double), ("height", ctypes.c_double)]
+
+
+CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p)
+DISPATCH = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_void_p)
+LOG = ctypes.CFUNCTYPE(None, ctypes.c_int, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_void_p)
+
+
+_SONAME = "libqelmaps.so.1"
+
+
+def _candidates() -> List[str]:
+    """Where the library is looked for, in order: the path the application
+    names, the copy a wheel bundles beside this module, then the system's."""
+    found = []
+    named = os.environ.get("QELMAPS_LIBRARY")
+    if named:
+        found.append(named)
+    bundled = os.path.join(os.path.dirname(os.path.abspath(__file__)), "_lib", _SONAME)
+    if os.path.exists(bundled):
+        found.append(bundled)
+    system = ctypes.util.find_library("qelmaps")
+    found.append(system or _SONAME)
+    return found
+
+
+def _open() -> ctypes.CDLL:
+    tried = []
+    for path in _candidates():
+        try:
+            return ctypes.CDLL(path)
+        except OSError as error:
+            tried.append(f"  {path}: {error}")
+    raise ImportError(
+        "qelmaps: cannot load the QELMaps library. Tried:\n" + "\n".join(tried) + "\n"
+        "Install the wheel that bundles it, or the Debian package libqelmaps1, or set "
+        "QELMAPS_LIBRARY to the path of libqelmaps.so.1.")
+
+
+def _load() -> ctypes.CDLL:
+    lib = _open()
+    p, i, d, e, s = ctypes.c_void_p, ctypes.c_int, ctypes.c_double, ctypes.c_int, ctypes.c_size_t
+    signatures = {
+        "qelmaps_error_string": (ctypes.c_char_p, [e]),
+        "qelmaps_version": (ctypes.c_char_p, []),
+        "qelmaps_service_version": (ctypes.c_char_p, []),
+        "qelmaps_config_create": (p, []),
+        "qelmaps_config_destroy": (None, [p]),
+        "qelmaps_config_set_host": (e, [p, ctypes.c_char_p]),
+        "qelmaps_config_set_port": (e, [p, i]),
+        "qelmaps_config_set_ca_file": (e, [p, ctypes.c_char_p]),
+        "qelmaps_config_set_event_path": (e, [p, ctypes.c_char_p]),
+        "qelmaps_config_set_log_threshold": (e, [p, i]),
+        "qelmaps_config_set_log_callback": (e, [p, LOG, p]),
+        "qelmaps_config_set_callback": (e, [p, i, CALLBACK, p]),
+        "qelmaps_config_set_dispatch": (e, [p, DISPATCH, p]),
+        "qelmaps_task_run": (None, [p]),
+        "qelmaps_task_discard": (None, [p]),
+        "qelmaps_client_create": (e, [p, ctypes.POINTER(p)]),
+        "qelmaps_client_destroy": (e, [p]),
+        "qelmaps_client_start": (e, [p]),
+        "qelmaps_client_stop": (e, [p]),
+        "qelmaps_client_choose_resolution": (e, [p, d, d]),
+        "qelmaps_client_clear_resolution": (e, [p]),
+        "qelmaps_client_resolutions": (e, [p, ctypes.POINTER(Size), s, ctypes.POINTER(s)]),
+        "qelmaps_client_current_resolution": (e, [p, ctypes.POINTER(Size)]),
+        "qelmaps_client_state": (e, [p, ctypes.POINTER(i), ctypes.POINTER(i)]),
+        "qelmaps_client_picture": (e, [p, ctypes.POINTER(p)]),
+        "qelmaps_picture_release": (None, [p]),
+        "qelmaps_picture_width": (s, [p]),
+        "qelmaps_picture_height": (s, [p]),
+        "qelmaps_picture_stride": (s, [p]),
+        "qelmaps_picture_pixels": (p, [p]),
+    }
+    for name, (restype, argtypes) in signatures.items():
+        function = getattr(lib, name)
+        function.restype = restype
+        function.argtypes = argtypes
+    return lib
+
+
+lib = _load()
