@@ -114,11 +114,17 @@ std::string escape(std::string_view text, bool backslashes) {
   return result;
 }
 
+// Appended digit by digit: GCC 12 warns falsely (-Wrestrict, its bug 105329)
+// on an insert into the middle of a string in the release build.
 std::string withThousands(unsigned long count) {
-  std::string digits = std::to_string(count);
-  for (auto at = static_cast<std::ptrdiff_t>(digits.size()) - 3; at > 0; at -= 3)
-    digits.insert(static_cast<std::size_t>(at), ",");
-  return digits;
+  const std::string digits = std::to_string(count);
+  std::string grouped;
+  grouped.reserve(digits.size() + digits.size() / 3);
+  for (std::size_t i = 0; i < digits.size(); ++i) {
+    if (i > 0 && (digits.size() - i) % 3 == 0) grouped += ',';
+    grouped += digits[i];
+  }
+  return grouped;
 }
 
 bool isLineSafe(std::string_view text) {
