@@ -9,12 +9,13 @@
 #include <QELMaps/QELMaps.h>
 #include <QELMapsQt/QtMapItem.h>
 
-#include <QCommandLineParser>
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
 #include <QQuickWindow>
 #include <QTimer>
 #include <cstdio>
+
+#include "MapCommandLine.h"
 
 int main(int argc, char** argv) {
   // Drawn by the CPU where there is no GPU, such as the offscreen platform.
@@ -24,39 +25,9 @@ int main(int argc, char** argv) {
   QGuiApplication app(argc, argv);
   QGuiApplication::setApplicationName("qelmaps-quick");
 
-  QCommandLineParser parser;
-  parser.setApplicationDescription("Shows the broadcast moving map of the cabin network (Qt Quick).");
-  parser.addHelpOption();
-  const QCommandLineOption host("host", "Cabin server host name or address.", "HOST");
-  const QCommandLineOption port("port", "Cabin server port.", "PORT", "443");
-  const QCommandLineOption caFile("ca-file", "CA certificate (PEM) to trust.", "FILE");
-  const QCommandLineOption resolution("resolution", "Picture size to show.", "WxH");
-  const QCommandLineOption screenshot("screenshot", "Save the window to FILE and exit.", "FILE");
-  const QCommandLineOption after("after", "Seconds to wait before the screenshot.", "SECONDS", "5");
-  const QCommandLineOption logLevel("log-level", "Log threshold, 1 terse ... 5 chatty.", "N", "2");
-  parser.addOptions({host, port, caFile, resolution, screenshot, after, logLevel});
-  parser.process(app);
-
-  bool portOk = false, afterOk = false;
-  const uint portNumber = parser.value(port).toUInt(&portOk);
-  const double afterSeconds = parser.value(after).toDouble(&afterOk);
-  QSize size;
-  if (parser.isSet(resolution)) {
-    const QStringList parts = parser.value(resolution).split('x');
-    if (parts.size() == 2) size = QSize(parts[0].toInt(), parts[1].toInt());
-  }
-  if (!parser.isSet(host) || !portOk || portNumber == 0 || portNumber > 65535 || !afterOk ||
-      (parser.isSet(resolution) && size.isEmpty())) {
-    std::fputs(qPrintable(parser.helpText()), stderr);
-    return 2;
-  }
-
-  qel::core::QELConfiguration configuration;
-  configuration.host = parser.value(host).toStdString();
-  configuration.port = static_cast<std::uint16_t>(portNumber);
-  if (parser.isSet(caFile)) configuration.caFile = parser.value(caFile).toStdString();
-  configuration.logThreshold = parser.value(logLevel).toInt();
-  qel::core::QELConfiguration::set(configuration);
+  const auto options =
+      qeltools::parseMapCommandLine(app, "Shows the broadcast moving map of the cabin network (Qt Quick).");
+  if (!options) return 2;
 
   qel::QtMapItem::registerQmlTypes();
   QQmlApplicationEngine engine;
@@ -69,13 +40,13 @@ int main(int argc, char** argv) {
     std::fputs("qelmaps-quick: the map service could not be made\n", stderr);
     return 1;
   }
-  if (size.isValid()) maps->setResolution(size);
+  if (options->resolution.isValid()) maps->setResolution(options->resolution);
   maps->start();
 
   int status = 0;
-  if (parser.isSet(screenshot)) {
-    QTimer::singleShot(static_cast<int>(afterSeconds * 1000), window, [&] {
-      const QString file = parser.value(screenshot);
+  if (!options->screenshot.isEmpty()) {
+    QTimer::singleShot(static_cast<int>(options->afterSeconds * 1000), window, [&] {
+      const QString file = options->screenshot;
       if (!window->grabWindow().save(file)) {
         std::fprintf(stderr, "qelmaps-quick: cannot save %s\n", qPrintable(file));
         status = 1;
