@@ -1,6 +1,7 @@
 #include "qel/core/QELRequestQueue.h"
 
 #include "qel/core/QELLogging.h"
+#include "qel/core/TransportMonitor.h"
 
 #include <algorithm>
 #include <deque>
@@ -12,6 +13,10 @@ namespace {
 
 constexpr std::string_view kDomain = lastPathComponent(__FILE__);
 constexpr const char* kErrorDomain = "QELRequestQueue";
+
+TransportChannel channelOf(const QELRequest& request) {
+  return request.kind() == QELRequest::Kind::ImageDownload ? TransportChannel::Picture : TransportChannel::MapData;
+}
 
 // One request from the moment it is added until it has ended.
 struct Entry {
@@ -134,6 +139,7 @@ void QELRequestQueue::State::startAttempt(const std::shared_ptr<Entry>& entry) {
   }
 
   QELLogging::log("Sending %s (attempt %d).", 5, kDomain, *url, entry->failures + 1);
+  TransportMonitor::current().willConnect(channelOf(*entry->request));
   entry->starting = true;
   // A queue of no particular transport follows whatever is shared now.
   const auto attemptTransport = transport ? transport : RequestTransport::shared();
@@ -157,10 +163,15 @@ void QELRequestQueue::State::attemptDidComplete(const std::shared_ptr<Entry>& en
   // A late completion of an attempt that was cancelled or superseded.
   if (entry->phase != Entry::Phase::Running || entry->attempt != attempt) return;
   entry->operation.reset();
+  const TransportChannel channel = channelOf(*entry->request);
+  auto& monitor = TransportMonitor::current();
 
+  if (!result.error) monitor.didSucceed(channel, &result.data);
   if (result.error && entry->failures < entry->request->numberOfRetries()) {
     ++entry->failures;
     const auto delay = retryDelay(entry->failures, result.retryAfter, random);
+    monitor.didFail(channel, transportFailure(*result.error, channel),
+                    loop->now() + delay);
     QELLogging::log("Attempt %d for %s failed (%s); retrying in %d ms.", 4, kDomain, entry->failures,
                     entry->request->requestURL().value_or(""), result.error->localizedDescription,
                     static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(delay).count()));
@@ -169,6 +180,7 @@ void QELRequestQueue::State::attemptDidComplete(const std::shared_ptr<Entry>& en
         loop->schedule(delay, [self = shared_from_this(), entry] { self->retry(entry); });
     return;
   }
+  if (result.error) monitor.didFail(channel, transportFailure(*result.error, channel));
   complete(entry, std::move(result));
 }
 

@@ -1,5 +1,5 @@
 // What the C API's handles are, shared by the files that implement them
-// (one per handle: Configuration.cpp, Client.cpp, Picture.cpp, and
+// (one per handle: Configuration.cpp, Client.cpp, Picture.cpp, Status.cpp, and
 // Library.cpp for what needs no handle).
 //
 // No exception crosses a qelmaps_* function: each one either cannot throw
@@ -25,7 +25,7 @@ namespace qel::capi {
 
 using Snapshot = QELBroadcastMapsHost::Snapshot;
 
-constexpr std::size_t kEventCount = 6;
+constexpr std::size_t kEventCount = 7;
 
 struct Callback {
   qelmaps_callback function = nullptr;

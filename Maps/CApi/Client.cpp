@@ -31,6 +31,7 @@ std::optional<qelmaps_event> cEvent(qel::QELBroadcastMapsHostEvent event) {
     case E::Error: return QELMAPS_EVENT_ERROR;
     case E::ImageDidStartReceivingImage: return QELMAPS_EVENT_IMAGE_DID_START_RECEIVING_IMAGE;
     case E::StateDidChange: return QELMAPS_EVENT_STATE_DID_CHANGE;
+    case E::StatusDidChange: return QELMAPS_EVENT_STATUS_DID_CHANGE;
   }
   return std::nullopt;
 }

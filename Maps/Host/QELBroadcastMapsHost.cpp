@@ -78,6 +78,7 @@ std::string_view QELBroadcastMapsHost::notificationName(QELBroadcastMapsHostEven
     case QELBroadcastMapsHostEvent::ImageDidStartReceivingImage:
       return internal::QELBroadcastMapsImageDidStartReceivingImageNotification;
     case QELBroadcastMapsHostEvent::StateDidChange:
+    case QELBroadcastMapsHostEvent::StatusDidChange:
       break;
   }
   return {};

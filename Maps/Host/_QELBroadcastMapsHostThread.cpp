@@ -5,7 +5,9 @@
 #include <QELMaps/QELBroadcastMapsNotifications.h>
 
 #include <qel/NotificationCenter.h>
+#include <qel/core/QELEventManager.h>
 #include <qel/core/QELLogging.h>
+#include <qel/core/TransportMonitor.h>
 
 #include <future>
 #include <string_view>
@@ -57,6 +59,8 @@ QELBroadcastMapsHostThread::~QELBroadcastMapsHostThread() {
   loop_->post([this] {
     core::QELLogging::log("Host: stopping the service.", 4, kDomain);
     NotificationCenter::defaultCenter().removeObserver(observer_.get());
+    core::TransportMonitor::current().removeObserver(status_.get());
+    status_.reset();
     service_->stop();
     service_.reset();
     loop_->stop();
@@ -85,6 +89,9 @@ void QELBroadcastMapsHostThread::run(std::optional<core::QELConfiguration> confi
     ready();
     return;
   }
+  // Before the first snapshot, which carries the status.
+  status_ = std::make_shared<QELBroadcastMapsHostStatus>(service_, [this] { publish(std::nullopt); });
+  core::TransportMonitor::current().addObserver(status_);
   observer_ = std::make_shared<Observer>();
   NotificationCenter::defaultCenter().addObserver(
       observer_, [this](const Notification& notification) { notificationReceived(notification); }, {}, service_);
@@ -102,23 +109,39 @@ void QELBroadcastMapsHostThread::notificationReceived(const Notification& notifi
   // state it announces, even when an earlier one already showed it.
   auto snapshot = makeSnapshot();
   snapshot.version = published_->version + 1;
+  const bool statusChanged = snapshot.status != published_->status;
   published_ = std::make_shared<const QELBroadcastMapsSnapshot>(std::move(snapshot));
   boundary_->publish(published_, event);
+  if (statusChanged) announceStatus();
 }
 
 void QELBroadcastMapsHostThread::publish(std::optional<QELBroadcastMapsHostEvent> event) {
   threadChecker_->check();
   auto snapshot = makeSnapshot();
-  if (published_ && sameState(*published_, snapshot)) return;
+  const bool stateChanged = !published_ || !sameState(*published_, snapshot);
+  const bool statusChanged = !published_ || published_->status != snapshot.status;
+  if (!stateChanged && !statusChanged) return;
   snapshot.version = published_ ? published_->version + 1 : 1;
   published_ = std::make_shared<const QELBroadcastMapsSnapshot>(std::move(snapshot));
-  // A change made by a call is announced as such once a snapshot exists to
-  // differ from.
-  if (!event && published_->version > 1) event = QELBroadcastMapsHostEvent::StateDidChange;
-  boundary_->publish(published_, event);
+  // The first snapshot is there to be read, not announced.
+  if (published_->version == 1) return boundary_->publish(published_, std::nullopt);
+  // A change made by a call is announced as such, a change of status as its
+  // own event after it.
+  if (!stateChanged) return boundary_->publish(published_, QELBroadcastMapsHostEvent::StatusDidChange);
+  boundary_->publish(published_, event.value_or(QELBroadcastMapsHostEvent::StateDidChange));
+  if (statusChanged) announceStatus();
 }
 
-QELBroadcastMapsSnapshot QELBroadcastMapsHostThread::makeSnapshot() const {
+void QELBroadcastMapsHostThread::announceStatus() {
+  // A delivery of its own, and a version of its own: every delivery's
+  // snapshot is newer than the one before.
+  auto snapshot = *published_;
+  ++snapshot.version;
+  published_ = std::make_shared<const QELBroadcastMapsSnapshot>(std::move(snapshot));
+  boundary_->publish(published_, QELBroadcastMapsHostEvent::StatusDidChange);
+}
+
+QELBroadcastMapsSnapshot QELBroadcastMapsHostThread::makeSnapshot() {
   QELBroadcastMapsSnapshot snapshot;
   snapshot.image = service_->mapImage();
   snapshot.hasMapRecord = service_->broadcastMaps()->mapInfo() != nullptr;
@@ -129,6 +152,8 @@ QELBroadcastMapsSnapshot QELBroadcastMapsHostThread::makeSnapshot() const {
   }
   if (const auto current = service_->currentResolution()) snapshot.currentResolution = current->CGSize();
   snapshot.receiving = service_->broadcastMaps()->shouldDownloadImages();
+  snapshot.status = status_->compose({snapshot.receiving, core::QELEventManager::defaultManager().isConnected(),
+                                      snapshot.hasMapData, snapshot.hasMapRecord});
   return snapshot;
 }
 

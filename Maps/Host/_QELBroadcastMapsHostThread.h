@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Host/_QELBroadcastMapsHostBoundary.h"
+#include "Host/_QELBroadcastMapsHostStatus.h"
 
 #include <QELMaps/QELBroadcastMapsV1.h>
 
@@ -51,13 +52,16 @@ class QELBroadcastMapsHostThread {
   void run(std::optional<core::QELConfiguration> configuration, std::function<void()> ready);
   void notificationReceived(const Notification& notification);
   void publish(std::optional<QELBroadcastMapsHostEvent> event);
-  QELBroadcastMapsSnapshot makeSnapshot() const;
+  // Publishes the current snapshot again, as the change of status it holds.
+  void announceStatus();
+  QELBroadcastMapsSnapshot makeSnapshot();
 
   const std::shared_ptr<QELBroadcastMapsHostBoundary> boundary_;
   RunLoop* loop_ = nullptr;  // set before the constructor returns, valid until
                              // the thread ends
   std::shared_ptr<QELBroadcastMapsV1> service_;
   std::shared_ptr<Object> observer_;
+  std::shared_ptr<QELBroadcastMapsHostStatus> status_;
   std::shared_ptr<const QELBroadcastMapsSnapshot> published_;
   std::unique_ptr<ThreadChecker> threadChecker_;
   // Set by the destructor once its last post() has returned.

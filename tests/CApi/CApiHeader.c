@@ -13,7 +13,7 @@ int qelmaps_test_c_out_of_range(void) {
   failures += strcmp(qelmaps_error_string((qelmaps_error)-1), "QELMAPS_ERROR_UNKNOWN") != 0;
   failures += qelmaps_event_name((qelmaps_event)42) != NULL;
   failures += qelmaps_config_set_callback(config, (qelmaps_event)-1, NULL, NULL) != QELMAPS_ERROR_INVALID_ARGUMENT;
-  failures += qelmaps_config_set_callback(config, (qelmaps_event)6, NULL, NULL) != QELMAPS_ERROR_INVALID_ARGUMENT;
+  failures += qelmaps_config_set_callback(config, (qelmaps_event)7, NULL, NULL) != QELMAPS_ERROR_INVALID_ARGUMENT;
   qelmaps_config_destroy(config);
   return failures;
 }

@@ -172,7 +172,7 @@ TEST_F(HttpsRequestTransportTests, OnlyTheCabinHostCertifiedByTheTrustedAuthorit
   image("http://127.0.0.1:" + std::to_string(server_.port()) + "/maps/a.png");
   ASSERT_TRUE(waitForOutcomes(6));
 
-  const auto untrusted = failed(NetworkErrorCode::Handshake);
+  const auto untrusted = failed(NetworkErrorCode::Certificate);
   const auto refused = failed(NetworkErrorCode::RefusedURL);
   EXPECT_EQ(delegate_->outcomes,
             (std::vector<std::string>{untrusted, untrusted, untrusted, "body of /by-name", refused, refused}))

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <iterator>
 #include <utility>
 
@@ -285,6 +286,11 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
         if (launch(&why)) return;
       }
       auto error = errorFor(result);
+      // A connect that timed out says the server is out of reach, not that
+      // it stopped answering.
+      if (unreached && result == CURLE_OPERATION_TIMEDOUT) {
+        error = networkError(NetworkErrorCode::Connect, error.localizedDescription);
+      }
       if (unreached && candidate_ + 1 < candidates_.size() && !budgetLeft) {
         error = networkError(NetworkErrorCode::Connect,
                              "addresses that did not answer used up the " +
@@ -341,8 +347,11 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
         return networkError(NetworkErrorCode::Io, detail);
       case CURLE_COULDNT_RESOLVE_HOST:
         return networkError(NetworkErrorCode::Resolve, detail);
-      case CURLE_COULDNT_CONNECT:
-        return networkError(NetworkErrorCode::Connect, detail);
+      case CURLE_COULDNT_CONNECT: {
+        long osError = 0;
+        curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &osError);
+        return networkError(osError == ECONNREFUSED ? NetworkErrorCode::Refused : NetworkErrorCode::Connect, detail);
+      }
       case CURLE_ABORTED_BY_CALLBACK:
         if (!inactive_) return networkError(NetworkErrorCode::Io, detail);
         return networkError(NetworkErrorCode::Timeout,
@@ -350,12 +359,13 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
       case CURLE_OPERATION_TIMEDOUT:
         return networkError(NetworkErrorCode::Timeout, detail);
       case CURLE_PEER_FAILED_VERIFICATION:
+      case CURLE_SSL_ISSUER_ERROR:
+      case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+        return networkError(NetworkErrorCode::Certificate, detail);
       case CURLE_SSL_CONNECT_ERROR:
       case CURLE_SSL_CACERT_BADFILE:
       case CURLE_SSL_CERTPROBLEM:
       case CURLE_SSL_CIPHER:
-      case CURLE_SSL_ISSUER_ERROR:
-      case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
         return networkError(NetworkErrorCode::Handshake, detail);
       case CURLE_UNSUPPORTED_PROTOCOL:
         return networkError(NetworkErrorCode::RefusedURL, detail);

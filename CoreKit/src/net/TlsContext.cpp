@@ -101,6 +101,10 @@ bool TlsContext::prepare(TlsStream& stream, const std::string& host, std::string
   return true;
 }
 
+bool TlsContext::certificateRejected(TlsStream& stream) {
+  return SSL_get_verify_result(stream.native_handle()) != X509_V_OK;
+}
+
 std::string TlsContext::describeHandshakeFailure(TlsStream& stream, const boost::system::error_code& error) {
   const long verdict = SSL_get_verify_result(stream.native_handle());
   if (verdict != X509_V_OK) {

@@ -1,6 +1,7 @@
 #include "qel/core/net/WebSocketEventTransport.h"
 
 #include "qel/core/QELLogging.h"
+#include "qel/core/TransportMonitor.h"
 #include "qel/core/net/Resolver.h"
 #include "qel/core/net/TlsContext.h"
 
@@ -68,12 +69,13 @@ class WebSocketEventTransport::Channel : public std::enable_shared_from_this<Cha
 
   // Reports from the current session.
   void sessionConnected(const Session* session);
-  void sessionEnded(const Session* session, bool wasConnected);
+  void sessionEnded(const Session* session, bool wasConnected, const TransportFailure& failure);
   void sessionReceived(const Session* session, std::shared_ptr<QELEvent> event);
 
  private:
   void connect();
-  void scheduleReconnect();
+  // When the next attempt starts (none when stopped).
+  std::optional<Clock::time_point> scheduleReconnect();
   bool isCurrent(const Session* session) const;
 
   Options options_;
@@ -124,7 +126,7 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   void readMore();
   void onRead(const beast::error_code& error, std::size_t bytes);
   void handleMessage();
-  void end(const std::string& why);
+  void end(FailureKind kind, const std::string& why, int code = 0);
 
   std::shared_ptr<asio::ssl::context> tlsContext_;
   Target target_;
@@ -141,7 +143,9 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   std::size_t oldestAttempt_ = 0;  // no open attempt before this one
   int attemptsOpen_ = 0;
   std::string lastConnectError_;
+  bool lastConnectRefused_ = false;
   websocket::stream<TlsStream> ws_;
+  websocket::response_type handshakeResponse_;
   beast::flat_buffer buffer_;
   std::size_t messageSize_ = 0;
   bool oversized_ = false;
@@ -199,9 +203,12 @@ void WebSocketEventTransport::Channel::connect() {
   if (TlsContext::trustedPem(configuration, trust, &why)) tlsContext = TlsContext::forTrust(trust, &why);
   if (!tlsContext) {
     QELLogging::log("Event channel to %s not opened: %s", 2, kDomain, target.url(), why);
-    return scheduleReconnect();
+    const auto next = scheduleReconnect();
+    TransportMonitor::current().didFail(TransportChannel::Events, {FailureKind::Certificate, 0, why}, next);
+    return;
   }
   ++attempts_;
+  TransportMonitor::current().willConnect(TransportChannel::Events);
   QELLogging::log("Opening the event channel to %s", 4, kDomain, target.url());
   Resolver::Options resolverOptions;
   resolverOptions.fixedHosts = configuration.resolve;
@@ -212,8 +219,8 @@ void WebSocketEventTransport::Channel::connect() {
   session->run();
 }
 
-void WebSocketEventTransport::Channel::scheduleReconnect() {
-  if (!running_) return;
+std::optional<Clock::time_point> WebSocketEventTransport::Channel::scheduleReconnect() {
+  if (!running_) return std::nullopt;
   const Clock::duration delay = reconnectDelay(backoffStep_++, options_, random_);
   QELLogging::log("Reconnecting the event channel in %s", 4, kDomain, seconds(delay));
 
@@ -225,6 +232,7 @@ void WebSocketEventTransport::Channel::scheduleReconnect() {
     channel->reconnectTimer_.reset();
     channel->connect();
   });
+  return Clock::now() + delay;
 }
 
 Clock::duration WebSocketEventTransport::reconnectDelay(int failures, const Options& options, std::mt19937& random) {
@@ -239,17 +247,24 @@ Clock::duration WebSocketEventTransport::reconnectDelay(int failures, const Opti
 void WebSocketEventTransport::Channel::sessionConnected(const Session* session) {
   if (!isCurrent(session)) return;
   connectedAt_ = Clock::now();
+  TransportMonitor::current().didSucceed(TransportChannel::Events);
+  if (!isCurrent(session)) return;
   manager_->transportDidConnect();
 }
 
-void WebSocketEventTransport::Channel::sessionEnded(const Session* session, bool wasConnected) {
+void WebSocketEventTransport::Channel::sessionEnded(const Session* session, bool wasConnected,
+                                                   const TransportFailure& failure) {
   if (!isCurrent(session)) return;
   session_.reset();
   if (wasConnected && Clock::now() - connectedAt_ >= options_.healthyAfter) backoffStep_ = 0;
   // Keep ourselves alive: the manager's targets may stop or replace us.
   auto self = shared_from_this();
-  if (wasConnected) manager_->transportDidDisconnect();
-  scheduleReconnect();
+  // The reason is out before the disconnect, so that whoever reacts to the
+  // disconnect can already tell why; a stop from within the disconnect
+  // cancels the reconnect again.
+  const auto next = scheduleReconnect();
+  TransportMonitor::current().didFail(TransportChannel::Events, failure, next);
+  if (wasConnected && running_ && manager_) manager_->transportDidDisconnect();
 }
 
 void WebSocketEventTransport::Channel::sessionReceived(const Session* session, std::shared_ptr<QELEvent> event) {
@@ -285,16 +300,17 @@ void WebSocketEventTransport::Session::onResolveTimeout(const beast::error_code&
   if (error || ended_) return;
   resolver_.cancel();
   if (endpoints_.empty()) {
-    return end("resolving " + target_.host + " took longer than " + seconds(options_.connectTimeout));
+    return end(FailureKind::NameLookup,
+               "resolving " + target_.host + " took longer than " + seconds(options_.connectTimeout));
   }
-  end("no connection within " + seconds(options_.connectTimeout) +
+  end(lastConnectRefused_ ? FailureKind::ConnectionRefused : FailureKind::Unreachable, "no connection within " + seconds(options_.connectTimeout) +
       (lastConnectError_.empty() ? std::string() : " (" + lastConnectError_ + ")"));
 }
 
 void WebSocketEventTransport::Session::onResolve(const std::string& error, Resolver::Endpoints endpoints) {
   if (ended_) return;
   resolveTimer_.cancel();
-  if (!error.empty()) return end(error);
+  if (!error.empty()) return end(FailureKind::NameLookup, error);
   endpoints_ = std::move(endpoints);
   resolveTimer_.expires_after(options_.connectTimeout);
   resolveTimer_.async_wait(beast::bind_front_handler(&Session::onResolveTimeout, shared_from_this()));
@@ -342,10 +358,14 @@ void WebSocketEventTransport::Session::onAttempt(std::size_t index, const beast:
     std::ostringstream endpoint;
     endpoint << endpoints_[index];
     lastConnectError_ = endpoint.str() + ": " + error.message();
+    lastConnectRefused_ = error == asio::error::connection_refused;
     QELLogging::log("Event channel: cannot connect to %s", 4, kDomain, lastConnectError_);
     closeAttempt(index);
     if (nextAttempt_ < endpoints_.size()) return startAttempt();
-    if (attemptsOpen_ == 0) return end("cannot connect: " + lastConnectError_);
+    if (attemptsOpen_ == 0) {
+      return end(lastConnectRefused_ ? FailureKind::ConnectionRefused : FailureKind::Unreachable,
+                 "cannot connect: " + lastConnectError_);
+    }
     return;
   }
   resolveTimer_.cancel();
@@ -364,10 +384,15 @@ void WebSocketEventTransport::Session::closeAttempts() {
 
 void WebSocketEventTransport::Session::onConnect(const beast::error_code& error) {
   if (ended_) return;
-  if (error == beast::error::timeout) return end("no connection within " + seconds(options_.connectTimeout));
-  if (error) return end("cannot connect: " + error.message());
+  if (error == beast::error::timeout) {
+    return end(FailureKind::Unreachable, "no connection within " + seconds(options_.connectTimeout));
+  }
+  if (error) {
+    const bool refused = error == asio::error::connection_refused;
+    return end(refused ? FailureKind::ConnectionRefused : FailureKind::Unreachable, "cannot connect: " + error.message());
+  }
   std::string why;
-  if (!TlsContext::prepare(ws_.next_layer(), target_.host, &why)) return end(why);
+  if (!TlsContext::prepare(ws_.next_layer(), target_.host, &why)) return end(FailureKind::TlsHandshake, why);
   tcp().expires_after(options_.connectTimeout);
   ws_.next_layer().async_handshake(asio::ssl::stream_base::client,
                                    beast::bind_front_handler(&Session::onTlsHandshake, shared_from_this()));
@@ -375,8 +400,14 @@ void WebSocketEventTransport::Session::onConnect(const beast::error_code& error)
 
 void WebSocketEventTransport::Session::onTlsHandshake(const beast::error_code& error) {
   if (ended_) return;
-  if (error == beast::error::timeout) return end("no TLS handshake within " + seconds(options_.connectTimeout));
-  if (error) return end(TlsContext::describeHandshakeFailure(ws_.next_layer(), error));
+  if (error == beast::error::timeout) {
+    return end(FailureKind::Timeout, "no TLS handshake within " + seconds(options_.connectTimeout));
+  }
+  if (error) {
+    const bool certificate = TlsContext::certificateRejected(ws_.next_layer());
+    return end(certificate ? FailureKind::Certificate : FailureKind::TlsHandshake,
+               TlsContext::describeHandshakeFailure(ws_.next_layer(), error));
+  }
 
   // The WebSocket layer keeps its own time from here on: the handshake
   // timeout, and pings after half the dead interval of silence.
@@ -391,16 +422,24 @@ void WebSocketEventTransport::Session::onTlsHandshake(const beast::error_code& e
   // Oversized messages are counted and skipped below instead of failing the
   // connection.
   ws_.read_message_max(0);
-  ws_.async_handshake(target_.hostHeader, target_.path,
+  ws_.async_handshake(handshakeResponse_, target_.hostHeader, target_.path,
                       beast::bind_front_handler(&Session::onHandshake, shared_from_this()));
 }
 
 void WebSocketEventTransport::Session::onHandshake(const beast::error_code& error) {
   if (ended_) return;
   if (error == beast::error::timeout) {
-    return end("no WebSocket handshake within " + seconds(options_.connectTimeout));
+    return end(FailureKind::Timeout, "no WebSocket handshake within " + seconds(options_.connectTimeout));
   }
-  if (error) return end("WebSocket handshake failed: " + error.message());
+  if (error) {
+    // A server that answers the upgrade with an error status said why.
+    const int status = static_cast<int>(handshakeResponse_.result_int());
+    if (status >= 300) {
+      return end(FailureKind::HttpStatus, "the server answered the upgrade with status " + std::to_string(status),
+                 status);
+    }
+    return end(FailureKind::ConnectionLost, "WebSocket handshake failed: " + error.message());
+  }
   connected_ = true;
   QELLogging::log("Event channel to %s connected", 4, kDomain, target_.url());
   if (auto channel = channel_.lock()) channel->sessionConnected(this);
@@ -415,12 +454,15 @@ void WebSocketEventTransport::Session::onRead(const beast::error_code& error, st
   if (ended_) return;
   if (error == websocket::error::closed) {
     const auto reason = ws_.reason();
-    return end("closed by the server (code " + std::to_string(reason.code) +
+    return end(FailureKind::ClosedByServer, "closed by the server (code " + std::to_string(reason.code) +
                (reason.reason.empty() ? std::string() : ", \"" + QELLogging::escaped(reason.reason.c_str()) + "\"") +
-               ")");
+               ")",
+               static_cast<int>(reason.code));
   }
-  if (error == beast::error::timeout) return end("no frame and no pong for " + seconds(options_.deadAfter));
-  if (error) return end(error.message());
+  if (error == beast::error::timeout) {
+    return end(FailureKind::Timeout, "no frame and no pong for " + seconds(options_.deadAfter));
+  }
+  if (error) return end(FailureKind::ConnectionLost, error.message());
 
   messageSize_ += bytes;
   if (messageSize_ > options_.maximumFrameSize) oversized_ = true;
@@ -474,14 +516,14 @@ void WebSocketEventTransport::Session::handleMessage() {
   if (auto channel = channel_.lock()) channel->sessionReceived(this, std::move(event));
 }
 
-void WebSocketEventTransport::Session::end(const std::string& why) {
+void WebSocketEventTransport::Session::end(FailureKind kind, const std::string& why, int code) {
   if (ended_) return;
   ended_ = true;
   QELLogging::log("Event channel to %s %s: %s", 2, kDomain, target_.url(), connected_ ? "lost" : "failed", why);
   resolveTimer_.cancel();
   closeAttempts();
   tcp().close();
-  if (auto channel = channel_.lock()) channel->sessionEnded(this, connected_);
+  if (auto channel = channel_.lock()) channel->sessionEnded(this, connected_, TransportFailure{kind, code, why});
 }
 
 // --- WebSocketEventTransport -------------------------------------------------

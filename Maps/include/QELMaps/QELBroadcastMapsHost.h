@@ -18,8 +18,9 @@ class QELBroadcastMapsHostBoundary;
 class QELBroadcastMapsHostThread;
 }  // namespace internal
 
-// What a delivery announces. Each value but StateDidChange stands for one
-// notification of QELBroadcastMapsV1 (see notificationName()).
+// What a delivery announces. Each value but StateDidChange and
+// StatusDidChange stands for one notification of QELBroadcastMapsV1 (see
+// notificationName()).
 enum class QELBroadcastMapsHostEvent {
   // Another set of resolutions: read the snapshot's resolutions.
   AvailableResolutionsDidChange,
@@ -35,6 +36,9 @@ enum class QELBroadcastMapsHostEvent {
   // A call of the application (start, stop, a resolution choice) changed the
   // snapshot without the service announcing anything.
   StateDidChange,
+  // The connection status changed (phase, next attempt, a failure or a
+  // recovery): read the snapshot's status.
+  StatusDidChange,
 };
 
 // The broadcast map service on a thread of its own, for applications whose
@@ -114,7 +118,7 @@ class QEL_EXPORT QELBroadcastMapsHost {
   Snapshot snapshot() const;
 
   // The name of the service's notification that `event` stands for; empty
-  // for StateDidChange.
+  // for StateDidChange and StatusDidChange.
   static std::string_view notificationName(QELBroadcastMapsHostEvent event);
 
  private:

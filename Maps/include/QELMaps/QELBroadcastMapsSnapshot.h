@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QELMaps/QELBroadcastMapsStatus.h>
+
 #include <qel/Geometry.h>
 #include <qel/Image.h>
 
@@ -44,6 +46,9 @@ struct QELBroadcastMapsSnapshot {
   // load, the event channel down) the service reports an error; with an
   // empty one it does not.
   bool hasMapRecord = false;
+  // Why the map is or is not live, and what failed last on each way to the
+  // server. A change of it alone is announced as StatusDidChange.
+  QELBroadcastMapsStatus status;
 };
 
 }  // namespace qel

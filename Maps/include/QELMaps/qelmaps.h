@@ -151,12 +151,14 @@ typedef enum qelmaps_event {
   /* A call of the application (start, stop, a resolution choice) changed
    * the client's state without the service announcing anything. */
   QELMAPS_EVENT_STATE_DID_CHANGE = 5,
+  /* The connection status changed: read qelmaps_client_status(). */
+  QELMAPS_EVENT_STATUS_DID_CHANGE = 6,
   /* Not an event: makes the enum span every int (see qelmaps_error). */
   QELMAPS_EVENT_ENUM_WIDTH_ = -0x7fffffff - 1
 } qelmaps_event;
 
 /* The notification name of `event` (one of the macros above), "" for
- * QELMAPS_EVENT_STATE_DID_CHANGE, NULL for a value outside the enum. Static;
+ * QELMAPS_EVENT_STATE_DID_CHANGE and QELMAPS_EVENT_STATUS_DID_CHANGE, NULL for a value outside the enum. Static;
  * thread-safe. */
 QELMAPS_C_API const char *qelmaps_event_name(qelmaps_event event);
 
@@ -208,7 +210,7 @@ typedef void (*qelmaps_log_callback)(int level, const char *domain, const char *
  *   port          QEL_SKELION_PORT       443
  *   CA file       QEL_CA_FILE            the system's trust store
  *   event path    QEL_EVENT_PATH         "/skelion/events"
- *   log threshold QEL_LOG_LEVEL          3
+ *   log threshold QEL_LOG_LEVEL          2
  *   name servers  QEL_DNS_SERVERS        the system's
  *   max pixels    QEL_MAX_PIXELS         16777216
  *   max entries   QEL_MAX_MAP_ENTRIES    256
@@ -375,6 +377,92 @@ QELMAPS_C_API qelmaps_error qelmaps_client_map_data(qelmaps_client *client, qelm
  * with qelmaps_picture_release(). The pixels are shared, not copied, and
  * never change. Errors: NULL_ARGUMENT, NO_PICTURE, OUT_OF_MEMORY. */
 QELMAPS_C_API qelmaps_error qelmaps_client_picture(qelmaps_client *client, qelmaps_picture **picture);
+
+/* ------------------------------------------------------------------------ */
+/* Status: why the map is or is not live                                    */
+/* ------------------------------------------------------------------------ */
+
+typedef enum qelmaps_phase {
+  QELMAPS_PHASE_STOPPED = 0,          /* not started, or stopped */
+  QELMAPS_PHASE_CONNECTING = 1,       /* an attempt to reach the server runs */
+  QELMAPS_PHASE_LIVE = 2,             /* connected, with pictures listed */
+  QELMAPS_PHASE_WAITING_TO_RETRY = 3, /* the event channel failed; see next_attempt_ms */
+  QELMAPS_PHASE_NO_MAP_DATA = 4,      /* connected; the server has no map, or its map data failed */
+  QELMAPS_PHASE_ENUM_WIDTH_ = -0x7fffffff - 1
+} qelmaps_phase;
+
+/* The three ways to the cabin server, which fail independently. */
+typedef enum qelmaps_channel {
+  QELMAPS_CHANNEL_EVENTS = 0,   /* the event channel (WebSocket) */
+  QELMAPS_CHANNEL_MAP_DATA = 1, /* the map data request */
+  QELMAPS_CHANNEL_PICTURE = 2,  /* the picture download */
+  QELMAPS_CHANNEL_ENUM_WIDTH_ = -0x7fffffff - 1
+} qelmaps_channel;
+
+/* Why a channel failed. Lookup and unreachable are faults of the network
+ * (the Wi-Fi); refused, an HTTP status and a close are the server's; a
+ * certificate problem is the configuration's (the wrong authority). */
+typedef enum qelmaps_failure {
+  QELMAPS_FAILURE_NONE = 0,               /* the channel never failed */
+  QELMAPS_FAILURE_NAME_LOOKUP = 1,        /* the server's name did not resolve */
+  QELMAPS_FAILURE_CONNECTION_REFUSED = 2, /* nothing listens on the port */
+  QELMAPS_FAILURE_UNREACHABLE = 3,        /* no route, or no answer to the connect */
+  QELMAPS_FAILURE_TLS_HANDSHAKE = 4,      /* TLS could not be agreed on */
+  QELMAPS_FAILURE_CERTIFICATE = 5,        /* certificate not trusted or for another name */
+  QELMAPS_FAILURE_HTTP_STATUS = 6,        /* an error status; code holds it */
+  QELMAPS_FAILURE_MAP_DATA_REFUSED = 7,   /* too large, not JSON, wrong shape, too many entries */
+  QELMAPS_FAILURE_PICTURE_REFUSED = 8,    /* too many pixels, not decodable, another origin */
+  QELMAPS_FAILURE_CLOSED_BY_SERVER = 9,   /* the server closed the channel; code is the close code */
+  QELMAPS_FAILURE_TIMEOUT = 10,           /* nothing arrived within the inactivity timeout */
+  QELMAPS_FAILURE_CONNECTION_LOST = 11,   /* an established connection broke */
+  QELMAPS_FAILURE_ENUM_WIDTH_ = -0x7fffffff - 1
+} qelmaps_failure;
+
+/* The last failure of one channel. Times are Unix times in milliseconds. */
+typedef struct qelmaps_channel_status {
+  qelmaps_failure failure;       /* NONE when the channel never failed */
+  int code;                      /* the HTTP status or close code, else 0 */
+  int64_t failed_at_ms;          /* when it failed; 0 for NONE */
+  uint32_t consecutive_failures; /* in a row; 0 once the channel worked again */
+} qelmaps_channel_status;
+
+typedef struct qelmaps_status {
+  qelmaps_phase phase;
+  int64_t since_ms;        /* when the phase began */
+  int64_t next_attempt_ms; /* when the next attempt starts; 0 when none is scheduled */
+  qelmaps_channel_status channels[3]; /* indexed by qelmaps_channel */
+} qelmaps_status;
+
+/* Fills *status, from the same moment as the other read functions (inside a
+ * callback: the one the callback announces). Any thread.
+ * Errors: NULL_ARGUMENT. */
+QELMAPS_C_API qelmaps_error qelmaps_client_status(qelmaps_client *client, qelmaps_status *status);
+
+/* Copies the message of `channel`'s last failure ("unable to get local
+ * issuer certificate", "the server answered with status 500"), NUL-
+ * terminated, into buffer[0..capacity) and writes its length without the
+ * NUL to *length ("" and 0 when the channel never failed). With `buffer`
+ * NULL and `capacity` 0 only the length is written; when `capacity` is not
+ * more than the length, capacity - 1 bytes and a NUL are copied and
+ * BUFFER_TOO_SMALL is returned. Any thread.
+ * Errors: NULL_ARGUMENT, INVALID_ARGUMENT (channel), BUFFER_TOO_SMALL. */
+QELMAPS_C_API qelmaps_error qelmaps_client_failure_message(qelmaps_client *client, qelmaps_channel channel,
+                                                           char *buffer, size_t capacity, size_t *length);
+
+/* The status as one line for people, as qelmaps_client_failure_message()
+ * copies: "Live", "Cabin server unreachable, next try in 4 s", "Cannot
+ * verify the cabin server's certificate: unable to get local issuer
+ * certificate", "Connected; the server has no map yet". */
+QELMAPS_C_API qelmaps_error qelmaps_client_status_text(qelmaps_client *client, char *buffer, size_t capacity,
+                                                       size_t *length);
+
+/* "name lookup failed", "connection refused", ..., "none" for NONE, NULL
+ * outside the enum. Static; thread-safe. */
+QELMAPS_C_API const char *qelmaps_failure_string(qelmaps_failure failure);
+
+/* "stopped", "connecting", "live", "waiting to retry", "no map data"; NULL
+ * outside the enum. Static; thread-safe. */
+QELMAPS_C_API const char *qelmaps_phase_string(qelmaps_phase phase);
 
 /* ------------------------------------------------------------------------ */
 /* Pictures: immutable, reference-counted, usable from any thread           */

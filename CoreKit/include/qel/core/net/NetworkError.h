@@ -22,12 +22,14 @@ enum class NetworkErrorCode {
   RefusedURL,      // a URL the policy does not allow (foreign host, scheme)
   TlsSetup,        // the trust store or CA file could not be loaded
   Resolve,         // the host name did not resolve
-  Connect,         // no TCP connection
-  Handshake,       // TLS handshake failed (certificate not trusted, wrong name...)
+  Connect,         // no TCP connection: no route, or no answer in time
+  Handshake,       // TLS could not be agreed on
   Timeout,         // connect or whole-request timeout
   Io,              // the connection failed while writing or reading
   Redirect,        // a 3xx answer; redirects are never followed
   TooLarge,        // the body exceeds the request's maximum response size
+  Refused,         // the address answered, but nothing listens on the port
+  Certificate,     // the server's certificate is not trusted or names another host
 };
 
 inline Error networkError(NetworkErrorCode code, std::string description) {

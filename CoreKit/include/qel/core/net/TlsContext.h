@@ -54,6 +54,8 @@ class TlsContext {
 
   // A handshake failure in words, with the certificate verdict when there is one.
   static std::string describeHandshakeFailure(TlsStream& stream, const boost::system::error_code& error);
+  // Whether the handshake failed because the certificate was not accepted.
+  static bool certificateRejected(TlsStream& stream);
 
   static bool isIPLiteral(const std::string& host);
 };
