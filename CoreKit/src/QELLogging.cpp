@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <ctime>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
@@ -16,7 +18,9 @@
 namespace qel::core {
 namespace {
 
-constexpr int kDefaultThreshold = 3;
+// Warnings and failures: what an application's user or its developer acts
+// on. The service's traced calls (3 and above) are there when asked for.
+constexpr int kDefaultThreshold = 2;
 
 // QEL_LOG_LEVEL sets the threshold a process starts with. An unusable value
 // is ignored here without a word (logging is not ready yet); the
@@ -136,9 +140,25 @@ bool isLineSafe(std::string_view text) {
   return true;
 }
 
+// "2026-11-25T16:21:23.456Z ": lines on standard error end up in files and
+// terminals where nothing else says when they were written.
+std::string timestamp() {
+  const auto now = std::chrono::system_clock::now();
+  const auto seconds = std::chrono::system_clock::to_time_t(now);
+  const auto millis =
+      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+  std::tm utc{};
+  gmtime_r(&seconds, &utc);
+  char text[32];
+  const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+  std::snprintf(text + length, sizeof text - length, ".%03dZ ", static_cast<int>(millis));
+  return text;
+}
+
 void writeToStandardError(int level, std::string_view domain, std::string_view message) {
-  std::string line = std::to_string(level);
-  line.reserve(line.size() + domain.size() + message.size() + 3);
+  std::string line = timestamp();
+  line.reserve(line.size() + domain.size() + message.size() + 8);
+  line += std::to_string(level);
   line += ' ';
   line += domain;
   line += ' ';

@@ -176,6 +176,12 @@ QELBroadcastMapsHostStatus::QELBroadcastMapsHostStatus(std::weak_ptr<QELBroadcas
 QELBroadcastMapsStatus QELBroadcastMapsHostStatus::compose(const Inputs& inputs) {
   using Phase = QELBroadcastMapsStatus::Phase;
   QELBroadcastMapsStatus status;
+  // A record with pictures is map data that works, however it came (an
+  // event carries the record too).
+  if (inputs.hasMapData && mapData_.failure && mapData_.failure->consecutive > 0) {
+    mapData_.failure->consecutive = 0;
+    mapData_.nextAttempt.reset();
+  }
   const bool mapDataFailing = mapData_.failure && mapData_.failure->consecutive > 0;
   if (!inputs.receiving) {
     status.phase = Phase::Stopped;

@@ -28,6 +28,7 @@ For asyncio, ``AsyncClient`` delivers the same events on the running loop:
 """
 
 from ._asyncio import AsyncClient
+from ._status import ChannelFailure, Failure, Phase, Status
 from ._client import (
     AVAILABLE_RESOLUTIONS_DID_CHANGE,
     ERROR,
@@ -35,6 +36,7 @@ from ._client import (
     IMAGE_DID_START_RECEIVING_IMAGE,
     IMAGE_DID_STOP_RECEIVING_IMAGE,
     STATE_DID_CHANGE,
+    STATUS_DID_CHANGE,
     Client,
     ClosedError,
     Error,
@@ -52,6 +54,11 @@ __all__ = [
     "IMAGE_DID_START_RECEIVING_IMAGE",
     "IMAGE_DID_STOP_RECEIVING_IMAGE",
     "STATE_DID_CHANGE",
+    "STATUS_DID_CHANGE",
+    "ChannelFailure",
+    "Failure",
+    "Phase",
+    "Status",
     "Client",
     "ClosedError",
     "Error",

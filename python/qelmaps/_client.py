@@ -9,6 +9,7 @@ import threading
 from typing import Any, Callable, Dict, List, NamedTuple, Optional, Tuple, TypeVar, cast
 
 # The library and the C API's types, loaded once per process.
+from . import _status
 from ._library import CALLBACK as _CALLBACK, DISPATCH as _DISPATCH, LOG as _LOG, Size as _Size, lib as _lib
 
 
@@ -23,6 +24,7 @@ class Event(str, enum.Enum):
     ERROR = "BROADCAST_MAPS_ERROR"
     IMAGE_DID_START_RECEIVING_IMAGE = "BROADCAST_MAPS_IMAGE_DID_START_RECEIVING_IMAGE"
     STATE_DID_CHANGE = "STATE_DID_CHANGE"  # a call of the application changed the state
+    STATUS_DID_CHANGE = "STATUS_DID_CHANGE"  # the connection status changed: read status()
 
     def __str__(self) -> str:
         return self.value
@@ -34,6 +36,7 @@ IMAGE_DID_STOP_RECEIVING_IMAGE = Event.IMAGE_DID_STOP_RECEIVING_IMAGE
 ERROR = Event.ERROR
 IMAGE_DID_START_RECEIVING_IMAGE = Event.IMAGE_DID_START_RECEIVING_IMAGE
 STATE_DID_CHANGE = Event.STATE_DID_CHANGE
+STATUS_DID_CHANGE = Event.STATUS_DID_CHANGE
 _EVENTS = list(Event)
 
 _OK, _NO_PICTURE, _NO_RESOLUTION, _BUFFER_TOO_SMALL = 0, 3, 4, 5
@@ -267,6 +270,11 @@ class Client:
         state = ctypes.c_int()
         _check(_lib.qelmaps_client_map_data(self._live(), ctypes.byref(state)), "map_data")
         return ("none", "empty", "listed")[state.value]
+
+    @_holding
+    def status(self) -> _status.Status:
+        """Why the map is or is not live: the phase and each channel's last failure."""
+        return _status.read(self._live(), _check)
 
     @_holding
     def picture(self) -> Optional[Picture]:

@@ -15,6 +15,16 @@ class Size(ctypes.Structure):
     _fields_ = [("width", ctypes.c_double), ("height", ctypes.c_double)]
 
 
+class ChannelStatus(ctypes.Structure):
+    _fields_ = [("failure", ctypes.c_int), ("code", ctypes.c_int), ("failed_at_ms", ctypes.c_int64),
+                ("consecutive_failures", ctypes.c_uint32)]
+
+
+class Status(ctypes.Structure):
+    _fields_ = [("phase", ctypes.c_int), ("since_ms", ctypes.c_int64), ("next_attempt_ms", ctypes.c_int64),
+                ("channels", ChannelStatus * 3)]
+
+
 CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p)
 DISPATCH = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_void_p)
 LOG = ctypes.CFUNCTYPE(None, ctypes.c_int, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_void_p)
@@ -81,6 +91,11 @@ def _load() -> ctypes.CDLL:
         "qelmaps_client_state": (e, [p, ctypes.POINTER(i), ctypes.POINTER(i)]),
         "qelmaps_client_map_data": (e, [p, ctypes.POINTER(i)]),
         "qelmaps_client_picture": (e, [p, ctypes.POINTER(p)]),
+        "qelmaps_client_status": (e, [p, ctypes.POINTER(Status)]),
+        "qelmaps_client_failure_message": (e, [p, i, ctypes.c_char_p, s, ctypes.POINTER(s)]),
+        "qelmaps_client_status_text": (e, [p, ctypes.c_char_p, s, ctypes.POINTER(s)]),
+        "qelmaps_failure_string": (ctypes.c_char_p, [i]),
+        "qelmaps_phase_string": (ctypes.c_char_p, [i]),
         "qelmaps_picture_release": (None, [p]),
         "qelmaps_picture_width": (s, [p]),
         "qelmaps_picture_height": (s, [p]),

@@ -9,6 +9,7 @@
 #include <qel/RunLoop.h>
 
 #include <curl/curl.h>
+#include <openssl/x509.h>
 
 #include <algorithm>
 #include <cctype>
@@ -358,7 +359,14 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
                             "nothing arrived for " + std::to_string(inactivityTimeout_.count()) + " ms");
       case CURLE_OPERATION_TIMEDOUT:
         return networkError(NetworkErrorCode::Timeout, detail);
-      case CURLE_PEER_FAILED_VERIFICATION:
+      case CURLE_PEER_FAILED_VERIFICATION: {
+        // The verifier's own words where it has them; curl's for a name
+        // that does not match, which curl checks itself.
+        long verdict = X509_V_OK;
+        curl_easy_getinfo(easy_, CURLINFO_SSL_VERIFYRESULT, &verdict);
+        if (verdict != X509_V_OK) detail = X509_verify_cert_error_string(verdict);
+        return networkError(NetworkErrorCode::Certificate, detail);
+      }
       case CURLE_SSL_ISSUER_ERROR:
       case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
         return networkError(NetworkErrorCode::Certificate, detail);

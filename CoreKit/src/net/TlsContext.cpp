@@ -101,8 +101,10 @@ bool TlsContext::prepare(TlsStream& stream, const std::string& host, std::string
   return true;
 }
 
-bool TlsContext::certificateRejected(TlsStream& stream) {
-  return SSL_get_verify_result(stream.native_handle()) != X509_V_OK;
+std::optional<std::string> TlsContext::certificateVerdict(TlsStream& stream) {
+  const long verdict = SSL_get_verify_result(stream.native_handle());
+  if (verdict == X509_V_OK) return std::nullopt;
+  return X509_verify_cert_error_string(verdict);
 }
 
 std::string TlsContext::describeHandshakeFailure(TlsStream& stream, const boost::system::error_code& error) {

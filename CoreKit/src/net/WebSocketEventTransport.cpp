@@ -126,7 +126,9 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   void readMore();
   void onRead(const beast::error_code& error, std::size_t bytes);
   void handleMessage();
-  void end(FailureKind kind, const std::string& why, int code = 0);
+  // Logs `why` and reports the failure, with `message` for people when the
+  // log's words are not theirs.
+  void end(FailureKind kind, const std::string& why, int code = 0, std::string message = {});
 
   std::shared_ptr<asio::ssl::context> tlsContext_;
   Target target_;
@@ -404,9 +406,9 @@ void WebSocketEventTransport::Session::onTlsHandshake(const beast::error_code& e
     return end(FailureKind::Timeout, "no TLS handshake within " + seconds(options_.connectTimeout));
   }
   if (error) {
-    const bool certificate = TlsContext::certificateRejected(ws_.next_layer());
-    return end(certificate ? FailureKind::Certificate : FailureKind::TlsHandshake,
-               TlsContext::describeHandshakeFailure(ws_.next_layer(), error));
+    const auto verdict = TlsContext::certificateVerdict(ws_.next_layer());
+    return end(verdict ? FailureKind::Certificate : FailureKind::TlsHandshake,
+               TlsContext::describeHandshakeFailure(ws_.next_layer(), error), 0, verdict.value_or(""));
   }
 
   // The WebSocket layer keeps its own time from here on: the handshake
@@ -516,14 +518,15 @@ void WebSocketEventTransport::Session::handleMessage() {
   if (auto channel = channel_.lock()) channel->sessionReceived(this, std::move(event));
 }
 
-void WebSocketEventTransport::Session::end(FailureKind kind, const std::string& why, int code) {
+void WebSocketEventTransport::Session::end(FailureKind kind, const std::string& why, int code, std::string message) {
   if (ended_) return;
   ended_ = true;
   QELLogging::log("Event channel to %s %s: %s", 2, kDomain, target_.url(), connected_ ? "lost" : "failed", why);
   resolveTimer_.cancel();
   closeAttempts();
   tcp().close();
-  if (auto channel = channel_.lock()) channel->sessionEnded(this, connected_, TransportFailure{kind, code, why});
+  if (message.empty()) message = why;
+  if (auto channel = channel_.lock()) channel->sessionEnded(this, connected_, TransportFailure{kind, code, message});
 }
 
 // --- WebSocketEventTransport -------------------------------------------------

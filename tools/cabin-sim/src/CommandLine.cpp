@@ -93,6 +93,7 @@ Fault flags (all off by default):
   --fail-rest N                the first N map data requests answer 503
   --fail-rest-rate P           then each map data request answers 503 with probability P
   --fail-rest-for SECONDS      map data answers 503 for this long after the first request
+  --malformed-rest N            the next N map data answers are malformed ("images" not a list)
   --drop-events-every SECONDS  close every event connection this often
   --malformed-events-every N   every Nth push is malformed instead of the update, the
                                kinds in turn: invalid JSON text, a frame that is not an
@@ -147,6 +148,7 @@ std::optional<CommandLine> parseCommandLine(const std::vector<std::string>& args
       {"--fail-rest", intFlag(0, 1'000'000'000, [&](long n) { f.failRest = static_cast<int>(n); })},
       {"--fail-rest-rate", doubleFlag(0, 1, f.failRestRate)},
       {"--fail-rest-for", doubleFlag(0, 86400, f.failRestForSeconds)},
+      {"--malformed-rest", intFlag(0, 1'000'000'000, [&](long n) { f.malformedRest = static_cast<int>(n); })},
       {"--drop-events-every", doubleFlag(0, 86400, f.dropEventsEverySeconds)},
       {"--malformed-events-every", intFlag(0, 1'000'000'000, [&](long n) { f.malformedEventsEvery = static_cast<int>(n); })},
       {"--fail-images", intFlag(0, 1'000'000'000, [&](long n) { f.failImages = static_cast<int>(n); })},

@@ -127,6 +127,7 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   std::string flightMapBody;
 
   std::uint64_t restRequests = 0;
+  std::uint64_t restAnswers = 0;  // answered 200, for the malformed ones first
   std::chrono::steady_clock::time_point firstRestRequest;
   std::uint64_t imageRequests = 0;
   std::uint64_t pushes = 0;
@@ -418,6 +419,12 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         } else if (state_->chance(state_->options.faults.failRestRate)) {
           plain(http::status::service_unavailable, "injected failure");
           note = " (injected at random)";
+        } else if (++state_->restAnswers <= static_cast<std::uint64_t>(state_->options.faults.malformedRest)) {
+          res.result(http::status::ok);
+          res.set(http::field::content_type, "application/json");
+          res.body() = R"({"images": 42})";
+          note = " (malformed, " + std::to_string(state_->restAnswers) + " of " +
+                 std::to_string(state_->options.faults.malformedRest) + ")";
         } else {
           res.result(http::status::ok);
           res.set(http::field::content_type, "application/json");

@@ -18,7 +18,7 @@ namespace qel::core {
 //   port            QEL_SKELION_PORT       443
 //   caFile          QEL_CA_FILE            (the system's trust store)
 //   eventPath       QEL_EVENT_PATH         "/skelion/events"
-//   logThreshold    QEL_LOG_LEVEL          3
+//   logThreshold    QEL_LOG_LEVEL          2
 //   dnsServers      QEL_DNS_SERVERS        (the system's name servers)
 //   maxPixels       QEL_MAX_PIXELS         16777216 (a decoded picture's budget)
 //   maxMapEntries   QEL_MAX_MAP_ENTRIES    256 (entries of the map record)

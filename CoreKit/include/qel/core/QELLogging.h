@@ -15,10 +15,11 @@ namespace qel::core {
 // A record is (level, domain, message): level 1 is the most severe, higher
 // levels are ever more detailed; the domain names where the line comes from
 // (by convention the source file's name). Records above the threshold
-// (default 3) are dropped before they are formatted, so detailed traces cost
-// next to nothing when they are off.
+// (default 2: warnings and failures) are dropped before they are formatted,
+// so detailed traces cost next to nothing when they are off.
 //
-// The default sink writes "level domain message" lines to standard error.
+// The default sink writes "time level domain message" lines to standard
+// error, the time in UTC ("2026-11-25T16:21:23.456Z").
 // Tests and the C API replace the sink to capture records. Every control
 // character in the domain or the message (line breaks, ESC, C1 controls) is
 // written as a visible escape, whoever formatted the text, so that text a

@@ -21,6 +21,7 @@ struct FaultOptions {
   int failRest = 0;                   // the first N map data requests answer 503
   double failRestRate = 0;            // after those, each one answers 503 with this probability
   double failRestForSeconds = 0;      // map data answers 503 for this long after the first request
+  int malformedRest = 0;              // the first N map data answers (after failures) are malformed
   double dropEventsEverySeconds = 0;  // close every event connection this often
   int malformedEventsEvery = 0;       // every Nth push is malformed, the kinds in turn
   int failImages = 0;                 // the first N image requests answer 500

@@ -54,8 +54,9 @@ class TlsContext {
 
   // A handshake failure in words, with the certificate verdict when there is one.
   static std::string describeHandshakeFailure(TlsStream& stream, const boost::system::error_code& error);
-  // Whether the handshake failed because the certificate was not accepted.
-  static bool certificateRejected(TlsStream& stream);
+  // Why the certificate was not accepted ("unable to get local issuer
+  // certificate"), or none when it was.
+  static std::optional<std::string> certificateVerdict(TlsStream& stream);
 
   static bool isIPLiteral(const std::string& host);
 };
