@@ -2,6 +2,7 @@
 TLS on a free loopback port. QELMAPS_CABIN_SIM names the simulator's binary;
 QELMAPS_LIBRARY the shared library, when neither installed nor bundled."""
 
+import contextlib
 import os
 import subprocess
 import tempfile
@@ -13,6 +14,13 @@ TIMEOUT = 20
 
 @pytest.fixture
 def simulator():
+    with start_simulator() as running:
+        yield running
+
+
+@contextlib.contextmanager
+def start_simulator():
+    """A simulator process and the Client settings that reach it."""
     binary = os.environ.get("QELMAPS_CABIN_SIM")
     if not binary:
         pytest.skip("QELMAPS_CABIN_SIM is not set")

@@ -1,0 +1,47 @@
+"""Why there is no map, as a Python application reads it: a wrong authority
+and a closed port, for real, each with its phase, kind and words."""
+
+import socket
+import threading
+
+import qelmaps
+from conftest import TIMEOUT, start_simulator
+
+
+def status_when(client, condition):
+    """The first status, read on each STATUS_DID_CHANGE, that meets ``condition``."""
+    met = threading.Event()
+    seen = []
+
+    def check(c, event):
+        status = c.status()
+        seen.append(status)
+        if condition(status):
+            met.set()
+
+    client.on(qelmaps.STATUS_DID_CHANGE, check)
+    client.start()
+    assert met.wait(TIMEOUT), seen[-1:] or "no status change"
+    return next(s for s in seen if condition(s))
+
+
+def test_a_server_whose_authority_is_not_trusted_is_told_apart_from_one_that_is_not_there(simulator):
+    _, settings = simulator
+    with start_simulator() as (_, stranger):
+        untrusted = dict(settings, ca_file=stranger["ca_file"])
+        with qelmaps.Client(**untrusted) as client:
+            assert client.status().phase is qelmaps.Phase.STOPPED
+            status = status_when(client, lambda s: s.events is not None)
+    assert status.phase is qelmaps.Phase.WAITING_TO_RETRY and status.next_attempt > status.events.at
+    assert status.events.kind is qelmaps.Failure.CERTIFICATE and str(status.events.kind) == "certificate not trusted"
+    assert status.events.message == "unable to get local issuer certificate"
+    assert status.summary.startswith("Cannot verify the cabin server's certificate: unable to get local issuer")
+    assert status.map_data is None and status.picture is None
+
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        closed = probe.getsockname()[1]
+    with qelmaps.Client(**dict(settings, port=closed)) as client:
+        status = status_when(client, lambda s: s.events is not None)
+    assert status.events.kind is qelmaps.Failure.CONNECTION_REFUSED and status.events.consecutive == 1
+    assert status.summary.startswith("Cabin server refused the connection, next try in")
