@@ -1,6 +1,7 @@
 #include <QELMapsQt/QtBroadcastMaps.h>
 
 #include <QMetaObject>
+#include <chrono>
 #include <cmath>
 #include <limits>
 #include <utility>
@@ -63,6 +64,19 @@ QSize QtBroadcastMaps::resolution() const {
   return snapshot_->currentResolution ? pixelSize(*snapshot_->currentResolution) : QSize();
 }
 
+static_assert(static_cast<int>(QtBroadcastMaps::Phase::NoMapData) ==
+                  static_cast<int>(QELBroadcastMapsStatus::Phase::NoMapData),
+              "the Qt phases are the host's");
+
+QString QtBroadcastMaps::statusText() const { return QString::fromStdString(snapshot_->status.describe()); }
+
+QDateTime QtBroadcastMaps::nextAttempt() const {
+  const auto& next = snapshot_->status.nextAttempt;
+  if (!next) return {};
+  return QDateTime::fromMSecsSinceEpoch(
+      std::chrono::duration_cast<std::chrono::milliseconds>(next->time_since_epoch()).count());
+}
+
 void QtBroadcastMaps::start() {
   if (host_) host_->start();
 }
@@ -94,6 +108,7 @@ void QtBroadcastMaps::apply(QELBroadcastMapsHostEvent event, QELBroadcastMapsHos
   if (snapshot_->currentResolution != previous->currentResolution) emit resolutionChanged(resolution());
   if (snapshot_->receiving != previous->receiving) emit receivingChanged(snapshot_->receiving);
   if (snapshot_->hasMapData != previous->hasMapData) emit hasMapDataChanged(snapshot_->hasMapData);
+  if (snapshot_->status != previous->status) emit statusChanged();
   if (event == QELBroadcastMapsHostEvent::Error) emit noMapData();
 }
 

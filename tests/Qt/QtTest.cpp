@@ -50,6 +50,7 @@ TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilThe
   QList<QSize> resolutions;
   std::vector<bool> receiving;
   int offThread = 0;
+  int statusChanges = 0;
   {
     qel::QtBroadcastMaps maps;
     ASSERT_TRUE(maps.isValid());
@@ -62,6 +63,10 @@ TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilThe
       onGuiThread();
       resolutions = sizes;
     });
+    QObject::connect(&maps, &qel::QtBroadcastMaps::statusChanged, [&] {
+      onGuiThread();
+      ++statusChanges;
+    });
     QObject::connect(&maps, &qel::QtBroadcastMaps::receivingChanged, [&](bool on) {
       onGuiThread();
       receiving.push_back(on);
@@ -72,7 +77,7 @@ TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilThe
     window.show();
     maps.start();
     const auto shown = [&] {
-      return !picture.isNull() && window.statusText().startsWith("Receiving") && !window.mapView()->image().isNull();
+      return !picture.isNull() && window.statusText().startsWith("Live") && !window.mapView()->image().isNull();
     };
     ASSERT_TRUE(QTest::qWaitFor(shown, kWaitMs)) << window.statusText().toStdString();
     EXPECT_EQ(resolutions, (QList<QSize>{{1024, 768}, {800, 600}, {400, 300}})) << "the server's order";
@@ -91,9 +96,15 @@ TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilThe
     ASSERT_TRUE(QTest::qWaitFor([&] { return picture.width() == 400; }, kWaitMs)) << "the new size never came";
     kept = picture;
 
+    // The server goes: the status says so, with the next attempt, and the
+    // property and the status line agree.
     simulator.stop();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return window.statusText().startsWith("No map data"); }, kWaitMs))
-        << window.statusText().toStdString();
+    const auto waiting = [&] {
+      return maps.phase() == qel::QtBroadcastMaps::Phase::WaitingToRetry && maps.nextAttempt().isValid() &&
+             window.statusText().contains(", next try in ");
+    };
+    ASSERT_TRUE(QTest::qWaitFor(waiting, kWaitMs)) << window.statusText().toStdString();
+    EXPECT_GE(statusChanges, 2) << "live, then waiting";
     EXPECT_TRUE(window.mapView()->image().isNull()) << "a stale map stays on screen";
     maps.stop();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !maps.isReceiving(); }, kWaitMs));

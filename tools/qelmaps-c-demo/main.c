@@ -121,6 +121,13 @@ static void on_event(qelmaps_client *client, qelmaps_event event, void *user_dat
     }
   } else if (event == QELMAPS_EVENT_ERROR) {
     snprintf(detail, sizeof detail, "no map data");
+  } else if (event == QELMAPS_EVENT_STATUS_DID_CHANGE) {
+    /* Why the map is or is not live, in words for people (cut to fit). */
+    size_t length = 0;
+    qelmaps_client_status_text(client, detail, sizeof detail, &length);
+    printf("%8.3f status %s\n", seconds_since(&d->started), detail);
+    fflush(stdout);
+    return;
   }
   printf("%8.3f %s %s\n", seconds_since(&d->started), qelmaps_event_name(event), detail);
   fflush(stdout);
@@ -185,6 +192,7 @@ int main(int argc, char **argv) {
   failed |= check(qelmaps_config_set_callback(config, QELMAPS_EVENT_IMAGE_DID_STOP_RECEIVING_IMAGE, on_event, &d), "callback");
   failed |= check(qelmaps_config_set_callback(config, QELMAPS_EVENT_ERROR, on_event, &d), "callback");
   failed |= check(qelmaps_config_set_callback(config, QELMAPS_EVENT_IMAGE_DID_START_RECEIVING_IMAGE, on_event, &d), "callback");
+  failed |= check(qelmaps_config_set_callback(config, QELMAPS_EVENT_STATUS_DID_CHANGE, on_event, &d), "callback");
   if (!failed) failed |= check(qelmaps_client_create(config, &client), "the maps service is not available");
   qelmaps_config_destroy(config);
   if (failed) return 1;

@@ -1,9 +1,10 @@
 // qelmaps-demo: a passenger application that shows the broadcast moving map.
 //
-// It configures where the cabin server is, creates the service, chooses a
-// resolution, starts, and prints one line per notification: the time since
-// start, the notification, and what it means. Each new map picture is saved
-// to --out. This is the code an application starts from.
+// It configures where the cabin server is, creates the service on a thread
+// of its own, chooses a resolution, starts, and prints one line per
+// notification (the time since start, the notification, what it means) and
+// one per change of status (why the map is or is not live). Each new map
+// picture is saved to --out. This is the code an application starts from.
 //
 //   qelmaps-demo --host HOST --port PORT [--ca-file FILE] [--resolution WxH]
 //                [--out DIR] [--duration SECONDS] [--log-level N]
@@ -17,6 +18,7 @@
 #include <iostream>
 #include <optional>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -64,43 +66,56 @@ std::optional<Options> parse(int argc, char** argv) {
   return options;
 }
 
-// The part an application would keep: observe the service, react to each
-// notification.
-class MapScreen : public qel::Object {
+// The part an application would keep: react to each change the host
+// delivers, reading the snapshot that came with it.
+class MapScreen {
  public:
-  MapScreen(std::shared_ptr<qel::QELBroadcastMapsV1> maps, std::optional<std::filesystem::path> out)
-      : maps_(std::move(maps)), out_(std::move(out)) {}
+  explicit MapScreen(std::optional<std::filesystem::path> out) : out_(std::move(out)) {}
 
-  void onNotification(const qel::Notification& notification) {
+  void show(qel::QELBroadcastMapsHostEvent event, const qel::QELBroadcastMapsHost::Snapshot& snapshot) {
+    using Event = qel::QELBroadcastMapsHostEvent;
+    std::string name(qel::QELBroadcastMapsHost::notificationName(event));
     std::string detail;
-    if (notification.name() == qel::QELBroadcastMapsAvailableResolutionsDidChangeNotification) {
-      detail = resolutionsText();
-    } else if (notification.name() == qel::QELBroadcastMapsImageDidChangeNotification) {
-      detail = imageText();
-    } else if (notification.name() == qel::QELBroadcastMapsErrorNotification) {
-      detail = "no map data";
+    switch (event) {
+      case Event::AvailableResolutionsDidChange:
+        detail = resolutionsText(*snapshot);
+        break;
+      case Event::ImageDidChange:
+        detail = imageText(*snapshot);
+        break;
+      case Event::Error:
+        detail = "no map data";
+        break;
+      case Event::StatusDidChange:
+        // Why the map is or is not live, in words for people.
+        name = "status";
+        detail = snapshot->status.describe();
+        break;
+      case Event::StateDidChange:
+        return;
+      default:
+        break;
     }
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
-    std::printf("%8.3f %s %s\n", elapsed, notification.name().c_str(), detail.c_str());
+    std::printf("%8.3f %s %s\n", elapsed, name.c_str(), detail.c_str());
     std::fflush(stdout);
   }
 
  private:
-  std::string resolutionsText() const {
-    const auto resolutions = maps_->availableResolutions();
-    if (!resolutions) return "none";
+  static std::string resolutionsText(const qel::QELBroadcastMapsSnapshot& snapshot) {
+    if (snapshot.resolutions.empty()) return "none";
     std::string text;
     // Appended piece by piece: GCC 12 reports a bogus -Wrestrict inside
     // libstdc++ for "literal" + std::string when optimising (GCC bug 105329).
-    for (const auto& r : *resolutions) {
+    for (const auto& size : snapshot.resolutions) {
       if (!text.empty()) text += ' ';
-      text += qel::stringWithFormat("%@x%@", r->width(), r->height());
+      text += qel::stringWithFormat("%@x%@", size.width, size.height);
     }
     return text;
   }
 
-  std::string imageText() {
-    const auto image = maps_->mapImage();
+  std::string imageText(const qel::QELBroadcastMapsSnapshot& snapshot) {
+    const auto& image = snapshot.image;
     if (!image) return "cleared";
     std::string text = std::to_string(image->width()) + "x" + std::to_string(image->height());
     if (out_) {
@@ -118,7 +133,6 @@ class MapScreen : public qel::Object {
     return text;
   }
 
-  std::shared_ptr<qel::QELBroadcastMapsV1> maps_;
   std::optional<std::filesystem::path> out_;
   std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
   int saved_ = 0;
@@ -139,28 +153,23 @@ int main(int argc, char** argv) {
   configuration.port = options->port;
   configuration.caFile = options->caFile;
   configuration.logThreshold = options->logLevel;
-  qel::core::QELConfiguration::set(configuration);
 
-  auto maps = qel::QELBroadcastMapsV1::create();
-  if (!maps) {
+  // The service on a thread of its own; without an executor the screen is
+  // told on that thread, one change at a time.
+  MapScreen screen(options->out);
+  qel::QELBroadcastMapsHost::Options hostOptions;
+  hostOptions.configuration = configuration;
+  hostOptions.handler = [&screen](qel::QELBroadcastMapsHostEvent event, qel::QELBroadcastMapsHost::Snapshot snapshot) {
+    screen.show(event, snapshot);
+  };
+  auto host = qel::QELBroadcastMapsHost::create(std::move(hostOptions));
+  if (!host) {
     std::cerr << "qelmaps-demo: the maps service is not available\n";
     return 1;
   }
-  if (options->resolution) maps->setCurrentResolutionWithCGSize(*options->resolution);
-
-  auto screen = std::make_shared<MapScreen>(maps, options->out);
-  for (const char* name : {qel::QELBroadcastMapsAvailableResolutionsDidChangeNotification,
-                           qel::QELBroadcastMapsImageDidChangeNotification,
-                           qel::QELBroadcastMapsErrorNotification,
-                           qel::QELBroadcastMapsImageDidStopReceivingImageNotification,
-                           qel::internal::QELBroadcastMapsImageDidStartReceivingImageNotification}) {
-    qel::NotificationCenter::defaultCenter().addObserver(
-        screen, [raw = screen.get()](const qel::Notification& n) { raw->onNotification(n); }, name, maps);
-  }
-
-  maps->start();
-  qel::RunLoop::current().runFor(std::chrono::duration_cast<qel::RunLoop::Duration>(
-      std::chrono::duration<double>(options->duration)));
-  maps->stop();
+  if (options->resolution) host->setCurrentResolutionWithCGSize(*options->resolution);
+  host->start();
+  std::this_thread::sleep_for(std::chrono::duration<double>(options->duration));
+  host.reset();
   return 0;
 }

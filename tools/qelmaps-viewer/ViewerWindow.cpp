@@ -58,6 +58,7 @@ ViewerWindow::ViewerWindow(qel::QtBroadcastMaps& maps, QWidget* parent)
           [this] { fillResolutions(maps_.resolutions()); });
   connect(&maps_, &qel::QtBroadcastMaps::receivingChanged, this, &ViewerWindow::updateStatus);
   connect(&maps_, &qel::QtBroadcastMaps::hasMapDataChanged, this, &ViewerWindow::updateStatus);
+  connect(&maps_, &qel::QtBroadcastMaps::statusChanged, this, &ViewerWindow::updateStatus);
   // activated: only the user's choices, not the refills below.
   connect(resolutions_, &QComboBox::activated, this, &ViewerWindow::chooseResolution);
   connect(startStop_, &QPushButton::clicked, this, [this] {
@@ -103,13 +104,9 @@ void ViewerWindow::chooseResolution(int index) {
 }
 
 void ViewerWindow::updateStatus() {
-  QString text;
-  if (!maps_.isReceiving())
-    text = tr("Stopped");
-  else if (!maps_.hasMapData())
-    text = tr("No map data");
-  else
-    text = tr("Receiving");
+  // What the library says of the connection: why there is no map, and when
+  // it tries again.
+  QString text = maps_.statusText();
   if (pictureAge_.isValid()) {
     text +=
         tr("  ·  picture %1, %2 old").arg(sizeText(view_->image().size()), ageText(pictureAge_.elapsed()));

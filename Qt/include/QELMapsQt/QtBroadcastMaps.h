@@ -2,6 +2,7 @@
 
 #include <QELMaps/QELBroadcastMapsHost.h>
 
+#include <QDateTime>
 #include <QImage>
 #include <QList>
 #include <QObject>
@@ -35,8 +36,15 @@ class QtBroadcastMaps : public QObject {
   Q_PROPERTY(QSize resolution READ resolution WRITE setResolution NOTIFY resolutionChanged)
   Q_PROPERTY(bool receiving READ isReceiving NOTIFY receivingChanged)
   Q_PROPERTY(bool hasMapData READ hasMapData NOTIFY hasMapDataChanged)
+  Q_PROPERTY(Phase phase READ phase NOTIFY statusChanged)
+  Q_PROPERTY(QString statusText READ statusText NOTIFY statusChanged)
+  Q_PROPERTY(QDateTime nextAttempt READ nextAttempt NOTIFY statusChanged)
 
  public:
+  // Why the map is or is not live (see QELBroadcastMapsStatus).
+  enum class Phase { Stopped, Connecting, Live, WaitingToRetry, NoMapData };
+  Q_ENUM(Phase)
+
   explicit QtBroadcastMaps(QObject* parent = nullptr);
   QtBroadcastMaps(const QtBroadcastMaps&) = delete;
   QtBroadcastMaps& operator=(const QtBroadcastMaps&) = delete;
@@ -53,6 +61,14 @@ class QtBroadcastMaps : public QObject {
   QSize resolution() const;
   bool isReceiving() const { return snapshot_->receiving; }
   bool hasMapData() const { return snapshot_->hasMapData; }
+  Phase phase() const { return static_cast<Phase>(snapshot_->status.phase); }
+  // One line for a status bar: "Live", "Cabin server unreachable, next try
+  // in 4 s". The wait it names counts down: read it again to show it.
+  QString statusText() const;
+  // When the next attempt starts; invalid when none is scheduled.
+  QDateTime nextAttempt() const;
+  // The whole status, each channel's last failure with its kind among it.
+  const QELBroadcastMapsStatus& status() const { return snapshot_->status; }
   // Everything the properties above show, as the host published it.
   const QELBroadcastMapsHost::Snapshot& snapshot() const { return snapshot_; }
   // A size of the snapshot in whole pixels, as resolutions() and
@@ -74,6 +90,8 @@ class QtBroadcastMaps : public QObject {
   void hasMapDataChanged(bool hasMapData);
   // The cabin server is out of reach or failed to answer; said each time.
   void noMapData();
+  // The phase, the next attempt or a channel's failure changed.
+  void statusChanged();
 
  private:
   void apply(QELBroadcastMapsHostEvent event, QELBroadcastMapsHost::Snapshot snapshot);
