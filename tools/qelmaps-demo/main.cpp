@@ -87,9 +87,12 @@ class MapScreen {
         detail = "no map data";
         break;
       case Event::StatusDidChange:
-        // Why the map is or is not live, in words for people.
+        // Why the map is or is not live, in words for people; a change the
+        // words do not show (another channel's failure) is not news here.
         name = "status";
         detail = snapshot->status.describe();
+        if (detail == lastStatus_) return;
+        lastStatus_ = detail;
         break;
       case Event::StateDidChange:
         return;
@@ -134,6 +137,7 @@ class MapScreen {
   }
 
   std::optional<std::filesystem::path> out_;
+  std::string lastStatus_;
   std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
   int saved_ = 0;
 };
