@@ -166,7 +166,10 @@ void QELRequestQueue::State::attemptDidComplete(const std::shared_ptr<Entry>& en
   const TransportChannel channel = channelOf(*entry->request);
   auto& monitor = TransportMonitor::current();
 
-  if (!result.error) monitor.didSucceed(channel, &result.data);
+  if (!result.error) {
+    monitor.didSucceed(channel, {entry->request->requestURL().value_or(""), &result.data, result.validators,
+                                 result.notModified});
+  }
   if (result.error && entry->failures < entry->request->numberOfRetries()) {
     ++entry->failures;
     const auto delay = retryDelay(entry->failures, result.retryAfter, random);

@@ -112,8 +112,8 @@ void TransportMonitor::willConnect(TransportChannel channel) {
   notify([&](TransportObserver& observer) { observer.transportWillConnect(channel); });
 }
 
-void TransportMonitor::didSucceed(TransportChannel channel, const Data* body) {
-  notify([&](TransportObserver& observer) { observer.transportDidSucceed(channel, body); });
+void TransportMonitor::didSucceed(TransportChannel channel, const TransportAnswer& answer) {
+  notify([&](TransportObserver& observer) { observer.transportDidSucceed(channel, answer); });
 }
 
 void TransportMonitor::didFail(TransportChannel channel, const TransportFailure& failure,

@@ -28,7 +28,8 @@ std::unique_ptr<QELBroadcastMapsHost> QELBroadcastMapsHost::create(Options optio
   }
   auto boundary =
       std::make_shared<internal::QELBroadcastMapsHostBoundary>(std::move(options.executor), std::move(options.handler));
-  auto thread = std::make_unique<internal::QELBroadcastMapsHostThread>(boundary, std::move(options.configuration));
+  auto thread = std::make_unique<internal::QELBroadcastMapsHostThread>(boundary, std::move(options.configuration),
+                                                                       std::move(options.cacheDirectory));
   if (!thread->isReady()) {
     hostAlive.store(false);
     return nullptr;

@@ -230,7 +230,8 @@ void QELBroadcastMapsHostStatus::transportWillConnect(TransportChannel channel) 
   changed_();
 }
 
-void QELBroadcastMapsHostStatus::transportDidSucceed(TransportChannel channel, const Data* body) {
+void QELBroadcastMapsHostStatus::transportDidSucceed(TransportChannel channel, const core::TransportAnswer& answer) {
+  const Data* body = answer.body;
   auto service = service_.lock();
   if (channel == TransportChannel::Events || !body || !service) return recordSuccess(channel);
   // Whether the service took the answer shows once it has had it: the

@@ -47,7 +47,7 @@ class QELBroadcastMapsHostStatus : public core::TransportObserver,
   QELBroadcastMapsStatus compose(const Inputs& inputs);
 
   void transportWillConnect(core::TransportChannel channel) override;
-  void transportDidSucceed(core::TransportChannel channel, const Data* body) override;
+  void transportDidSucceed(core::TransportChannel channel, const core::TransportAnswer& answer) override;
   void transportDidFail(core::TransportChannel channel, const core::TransportFailure& failure,
                         std::optional<Clock::time_point> nextAttempt) override;
 

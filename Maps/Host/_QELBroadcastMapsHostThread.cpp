@@ -7,7 +7,12 @@
 #include <qel/NotificationCenter.h>
 #include <qel/core/QELEventManager.h>
 #include <qel/core/QELLogging.h>
+#include <qel/core/ResponseCache.h>
 #include <qel/core/TransportMonitor.h>
+
+#include <boost/json/serialize.hpp>
+
+#include <cstdlib>
 
 #include <future>
 #include <string_view>
@@ -33,18 +38,21 @@ std::optional<QELBroadcastMapsHostEvent> eventNamed(std::string_view name) {
 // Equal in everything the application reads; the version is not compared.
 bool sameState(const QELBroadcastMapsSnapshot& a, const QELBroadcastMapsSnapshot& b) {
   return a.image == b.image && a.resolutions == b.resolutions && a.currentResolution == b.currentResolution &&
-         a.receiving == b.receiving && a.hasMapData == b.hasMapData && a.hasMapRecord == b.hasMapRecord;
+         a.receiving == b.receiving && a.hasMapData == b.hasMapData && a.hasMapRecord == b.hasMapRecord &&
+         a.lastPicture == b.lastPicture;
 }
 
 }  // namespace
 
 QELBroadcastMapsHostThread::QELBroadcastMapsHostThread(std::shared_ptr<QELBroadcastMapsHostBoundary> boundary,
-                                                       std::optional<core::QELConfiguration> configuration)
+                                                       std::optional<core::QELConfiguration> configuration,
+                                                       std::optional<std::filesystem::path> cacheDirectory)
     : boundary_(std::move(boundary)) {
   std::promise<void> started;
   auto ready = started.get_future();
-  thread_ = std::thread([this, configuration = std::move(configuration), started = std::move(started)]() mutable {
-    run(std::move(configuration), [&started] { started.set_value(); });
+  thread_ = std::thread([this, configuration = std::move(configuration), cacheDirectory = std::move(cacheDirectory),
+                         started = std::move(started)]() mutable {
+    run(std::move(configuration), std::move(cacheDirectory), [&started] { started.set_value(); });
   });
   // The members the thread sets before it says it is ready are read here
   // only after the future, which orders them.
@@ -61,6 +69,11 @@ QELBroadcastMapsHostThread::~QELBroadcastMapsHostThread() {
     NotificationCenter::defaultCenter().removeObserver(observer_.get());
     core::TransportMonitor::current().removeObserver(status_.get());
     status_.reset();
+    if (cache_) {
+      core::TransportMonitor::current().removeObserver(cache_.get());
+      core::ResponseCache::setCurrent(nullptr);
+      cache_.reset();
+    }
     service_->stop();
     service_.reset();
     loop_->stop();
@@ -74,11 +87,13 @@ QELBroadcastMapsHostThread::~QELBroadcastMapsHostThread() {
 void QELBroadcastMapsHostThread::post(std::function<void(QELBroadcastMapsV1&)> operation) {
   loop_->post([this, operation = std::move(operation)] {
     operation(*service_);
+    restoreChosenSize();
     publish(std::nullopt);
   });
 }
 
-void QELBroadcastMapsHostThread::run(std::optional<core::QELConfiguration> configuration, std::function<void()> ready) {
+void QELBroadcastMapsHostThread::run(std::optional<core::QELConfiguration> configuration,
+                                     std::optional<std::filesystem::path> cacheDirectory, std::function<void()> ready) {
   threadChecker_ = std::make_unique<ThreadChecker>();
   auto& loop = RunLoop::current();
   loop_ = &loop;
@@ -92,6 +107,7 @@ void QELBroadcastMapsHostThread::run(std::optional<core::QELConfiguration> confi
   // Before the first snapshot, which carries the status.
   status_ = std::make_shared<QELBroadcastMapsHostStatus>(service_, [this] { publish(std::nullopt); });
   core::TransportMonitor::current().addObserver(status_);
+  openCache(std::move(cacheDirectory));
   observer_ = std::make_shared<Observer>();
   NotificationCenter::defaultCenter().addObserver(
       observer_, [this](const Notification& notification) { notificationReceived(notification); }, {}, service_);
@@ -141,6 +157,41 @@ void QELBroadcastMapsHostThread::announceStatus() {
   boundary_->publish(published_, QELBroadcastMapsHostEvent::StatusDidChange);
 }
 
+void QELBroadcastMapsHostThread::openCache(std::optional<std::filesystem::path> directory) {
+  if (!directory) {
+    const char* fromEnvironment = std::getenv("QEL_CACHE_DIR");
+    if (fromEnvironment && *fromEnvironment) directory = fromEnvironment;
+  }
+  if (!directory) return;
+  cache_ = QELBroadcastMapsHostCache::open(*directory, [this] {
+    QELBroadcastMapsHostCache::Shown shown;
+    shown.image = service_->mapImage();
+    shown.source = service_->broadcastMaps()->lastKnownImageURL();
+    if (const auto& record = service_->broadcastMaps()->mapInfo()) shown.record = boost::json::serialize(*record);
+    return shown;
+  });
+  if (!cache_) return;
+  core::ResponseCache::setCurrent(cache_);
+  core::TransportMonitor::current().addObserver(cache_);
+  // Before the first snapshot: the application's first look finds the map.
+  if (auto entry = cache_->newest()) lastPicture_.restore(entry->image, entry->source, entry->receivedAt);
+}
+
+void QELBroadcastMapsHostThread::restoreChosenSize() {
+  if (!cache_ || !lastPicture_.fromCache() || service_->mapImage()) return;
+  const auto chosen = service_->currentResolution();
+  if (!chosen) return;
+  const auto size = chosen->CGSize();
+  const auto& shown = lastPicture_.image();
+  if (shown && shown->width() == static_cast<std::size_t>(size.width) &&
+      shown->height() == static_cast<std::size_t>(size.height)) {
+    return;
+  }
+  if (auto entry = cache_->entryFor(static_cast<int>(size.width), static_cast<int>(size.height))) {
+    lastPicture_.restore(entry->image, entry->source, entry->receivedAt);
+  }
+}
+
 QELBroadcastMapsSnapshot QELBroadcastMapsHostThread::makeSnapshot() {
   QELBroadcastMapsSnapshot snapshot;
   snapshot.image = service_->mapImage();
@@ -154,6 +205,10 @@ QELBroadcastMapsSnapshot QELBroadcastMapsHostThread::makeSnapshot() {
   snapshot.receiving = service_->broadcastMaps()->shouldDownloadImages();
   snapshot.status = status_->compose({snapshot.receiving, core::QELEventManager::defaultManager().isConnected(),
                                       snapshot.hasMapData, snapshot.hasMapRecord});
+  const auto& source = service_->broadcastMaps()->lastKnownImageURL();
+  lastPicture_.follow(snapshot.image, source);
+  snapshot.lastPicture = lastPicture_.compose(snapshot.status.phase == QELBroadcastMapsStatus::Phase::Live,
+                                              snapshot.image, source);
   return snapshot;
 }
 

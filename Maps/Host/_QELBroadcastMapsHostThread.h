@@ -1,6 +1,8 @@
 #pragma once
 
 #include "Host/_QELBroadcastMapsHostBoundary.h"
+#include "Host/_QELBroadcastMapsHostCache.h"
+#include "Host/_QELBroadcastMapsHostLastPicture.h"
 #include "Host/_QELBroadcastMapsHostStatus.h"
 
 #include <QELMaps/QELBroadcastMapsV1.h>
@@ -35,7 +37,8 @@ namespace qel::internal {
 class QELBroadcastMapsHostThread {
  public:
   QELBroadcastMapsHostThread(std::shared_ptr<QELBroadcastMapsHostBoundary> boundary,
-                             std::optional<core::QELConfiguration> configuration);
+                             std::optional<core::QELConfiguration> configuration,
+                             std::optional<std::filesystem::path> cacheDirectory);
   QELBroadcastMapsHostThread(const QELBroadcastMapsHostThread&) = delete;
   QELBroadcastMapsHostThread& operator=(const QELBroadcastMapsHostThread&) = delete;
   ~QELBroadcastMapsHostThread();
@@ -49,7 +52,12 @@ class QELBroadcastMapsHostThread {
 
  private:
   // Loop thread.
-  void run(std::optional<core::QELConfiguration> configuration, std::function<void()> ready);
+  void run(std::optional<core::QELConfiguration> configuration, std::optional<std::filesystem::path> cacheDirectory,
+           std::function<void()> ready);
+  void openCache(std::optional<std::filesystem::path> directory);
+  // A cached picture of the size the application chose, while nothing newer
+  // has arrived.
+  void restoreChosenSize();
   void notificationReceived(const Notification& notification);
   void publish(std::optional<QELBroadcastMapsHostEvent> event);
   // Publishes the current snapshot again, as the change of status it holds.
@@ -62,6 +70,8 @@ class QELBroadcastMapsHostThread {
   std::shared_ptr<QELBroadcastMapsV1> service_;
   std::shared_ptr<Object> observer_;
   std::shared_ptr<QELBroadcastMapsHostStatus> status_;
+  std::shared_ptr<QELBroadcastMapsHostCache> cache_;
+  QELBroadcastMapsHostLastPicture lastPicture_;
   std::shared_ptr<const QELBroadcastMapsSnapshot> published_;
   std::unique_ptr<ThreadChecker> threadChecker_;
   // Set by the destructor once its last post() has returned.

@@ -48,6 +48,14 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
         bodyLimit_(bodyLimit),
         completion_(std::move(completion)),
         easy_(curl_easy_init()) {}
+
+  // Asks the server whether the answer `cache` holds for `key` is still
+  // current, instead of fetching it again.
+  void revalidate(std::shared_ptr<ResponseCache> cache, std::string key, Validators validators) {
+    cache_ = std::move(cache);
+    cacheKey_ = std::move(key);
+    held_ = std::move(validators);
+  }
   CurlAttempt(const CurlAttempt&) = delete;
   CurlAttempt& operator=(const CurlAttempt&) = delete;
   ~CurlAttempt() override { releaseEasy(); }
@@ -167,6 +175,20 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     // lookup still running when the attempt goes is left to finish alone.
     curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
     if (resolveList_) curl_easy_setopt(easy, CURLOPT_RESOLVE, resolveList_.get());
+    conditions_.reset();
+    if (cache_) {
+      auto condition = [&](const char* name, const std::string& value) {
+        if (value.empty()) return;
+        const std::string line = std::string(name) + ": " + value;
+        if (curl_slist* grown = curl_slist_append(conditions_.get(), line.c_str())) {
+          (void)conditions_.release();
+          conditions_.reset(grown);
+        }
+      };
+      condition("If-None-Match", held_.etag);
+      condition("If-Modified-Since", held_.lastModified);
+      curl_easy_setopt(easy, CURLOPT_HTTPHEADER, conditions_.get());
+    }
 
     curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(bodyLimit_));
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &CurlAttempt::onBody);
@@ -193,11 +215,29 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
   static std::size_t onHeader(char* data, std::size_t, std::size_t size, void* context) {
     auto& attempt = *static_cast<CurlAttempt*>(context);
     attempt.lastActivity_ = std::chrono::steady_clock::now();
-    if (auto coding = unaskedCoding(std::string_view(data, size))) {
+    const std::string_view line(data, size);
+    if (auto coding = unaskedCoding(line)) {
       attempt.unaskedCoding_ = std::move(*coding);
       return 0;  // aborts the transfer before any of the body arrives
     }
+    // A status line starts the headers of another answer (after a 100).
+    if (line.starts_with("HTTP/")) attempt.validators_ = {};
+    if (auto value = headerValue(line, "ETag")) attempt.validators_.etag = std::move(*value);
+    if (auto value = headerValue(line, "Last-Modified")) attempt.validators_.lastModified = std::move(*value);
     return size;
+  }
+
+  // The value of header `name` if `line` is that header; bounded, since a
+  // server decides how long it is.
+  static std::optional<std::string> headerValue(std::string_view line, std::string_view name) {
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos || !equalsIgnoringCase(line.substr(0, colon), name)) return std::nullopt;
+    auto value = line.substr(colon + 1);
+    const auto first = value.find_first_not_of(" \t");
+    if (first == std::string_view::npos) return std::nullopt;
+    value = value.substr(first, value.find_last_not_of(" \t\r\n") - first + 1);
+    if (value.size() > 256) return std::nullopt;
+    return std::string(value);
   }
 
   // We ask for no coding, so the only ones an answer may carry are
@@ -315,6 +355,7 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     std::optional<std::chrono::seconds> retryAfter;
     if (retryAfterSeconds > 0) retryAfter = std::chrono::seconds(std::min<curl_off_t>(retryAfterSeconds, 86400));
     releaseEasy();
+    if (status == 304 && cache_) return finishNotModified();
     if (status >= 300 && status < 400) {
       return fail(
           networkError(NetworkErrorCode::Redirect, "redirect refused: status " + std::to_string(status) +
@@ -327,7 +368,23 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     }
     QELLogging::log("GET %s: %d, %lu bytes on a %s connection", 4, kDomain, url_, static_cast<int>(status),
                     static_cast<unsigned long>(body_.size()), connects > 0 ? "new" : "kept-alive");
-    finish(TransportResult{std::nullopt, std::move(body_)});
+    TransportResult answer{std::nullopt, std::move(body_)};
+    answer.validators = std::move(validators_);
+    finish(std::move(answer));
+  }
+
+  // The server says the held answer is current: it is the answer.
+  void finishNotModified() {
+    auto held = cache_->bodyFor(cacheKey_);
+    if (!held) {
+      return fail(networkError(NetworkErrorCode::Io, "the server said the held copy is current, but it is gone"));
+    }
+    QELLogging::log("GET %s: 304, the held %lu bytes are current", 4, kDomain, url_,
+                    static_cast<unsigned long>(held->size()));
+    TransportResult result{std::nullopt, std::move(*held)};
+    result.validators = held_;
+    result.notModified = true;
+    finish(std::move(result));
   }
 
   Error errorFor(CURLcode result) const {
@@ -410,6 +467,11 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
   std::chrono::steady_clock::time_point attemptStarted_{};
   std::chrono::milliseconds silentTime_{};  // spent on addresses that never answered
   Slist resolveList_;
+  Slist conditions_;
+  std::shared_ptr<ResponseCache> cache_;  // set when the request revalidates
+  std::string cacheKey_;
+  Validators held_;
+  Validators validators_;  // of the answer arriving
   Data body_;
   bool tooLarge_ = false;
   std::string unaskedCoding_;  // the header that ended the transfer, if one did
@@ -455,6 +517,13 @@ std::shared_ptr<TransportOperation> HttpsRequestTransport::start(const QELReques
   multi.setLimits({options_.maximumIdleTime, options_.maximumConnections});
   auto attempt = std::make_shared<CurlAttempt>(multi, std::move(*decision.endpoint), request.maximumResponseSize(),
                                                std::move(completion));
+  // A picture whose answer is held is revalidated rather than fetched again.
+  if (auto cache = ResponseCache::current(); cache && request.kind() == QELRequest::Kind::ImageDownload) {
+    const std::string key = request.requestURL().value_or("");
+    if (auto validators = cache->validatorsFor(key); validators && !validators->empty()) {
+      attempt->revalidate(std::move(cache), key, std::move(*validators));
+    }
+  }
   std::string why;
   if (!attempt->start(loop.context(), options_, configuration, trust, &why)) {
     completion = attempt->takeCompletion();

@@ -6,6 +6,7 @@
 #include <qel/Geometry.h>
 #include <qel/core/QELHostname.h>
 
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -98,6 +99,12 @@ class QEL_EXPORT QELBroadcastMapsHost {
     // Applied on the host's thread before the service is made, instead of
     // whatever qel::core::QELConfiguration::set() was given before.
     std::optional<core::QELConfiguration> configuration;
+    // Where the last picture of each resolution is kept across runs (made
+    // if missing); unset: QEL_CACHE_DIR, and without that nothing is
+    // written anywhere. A picture kept there is shown, stale and with its
+    // true age, as soon as the host is made, and revalidated with the
+    // server instead of downloaded again.
+    std::optional<std::filesystem::path> cacheDirectory = std::nullopt;
   };
 
   // Starts the thread and makes the service there; returns once it is ready.

@@ -23,6 +23,7 @@
 #include <charconv>
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -68,6 +69,19 @@ std::string_view pathOf(std::string_view target) {
 }
 
 // "/maps/800x600/17.png" -> resolution text and sequence number.
+// "Wed, 25 Nov 2026 16:21:23 GMT", as HTTP dates are written.
+std::string httpDate(std::time_t at) {
+  std::tm utc{};
+  gmtime_r(&at, &utc);
+  static const char* const days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  static const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  char text[40];
+  std::snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", days[utc.tm_wday], utc.tm_mday,
+                months[utc.tm_mon], utc.tm_year + 1900, utc.tm_hour, utc.tm_min, utc.tm_sec);
+  return text;
+}
+
 std::optional<std::pair<std::string, std::uint64_t>> parseImagePath(std::string_view path) {
   constexpr std::string_view kPrefix = "/maps/";
   constexpr std::string_view kSuffix = ".png";
@@ -123,6 +137,8 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   std::uint64_t sequence = 0;
   // sequence -> resolution text -> PNG
   std::map<std::uint64_t, std::map<std::string, std::shared_ptr<const std::string>>> images;
+  // sequence -> when it was rendered, as Last-Modified says it
+  std::map<std::uint64_t, std::string> renderedAt;
   std::string imagesJsonText;
   std::string flightMapBody;
 
@@ -130,6 +146,8 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   std::uint64_t restAnswers = 0;  // answered 200, for the malformed ones first
   std::chrono::steady_clock::time_point firstRestRequest;
   std::uint64_t imageRequests = 0;
+  std::uint64_t imageBodyBytes = 0;  // picture bytes answered (HEAD and 304 send none)
+  std::uint64_t notModified = 0;     // picture requests answered 304
   std::uint64_t pushes = 0;
   std::uint64_t malformedSent = 0;
   bool warnedSlowRendering = false;
@@ -434,7 +452,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
         plain(http::status::upgrade_required, "WebSocket only");
         res.set(http::field::upgrade, "websocket");
       } else {
-        serveImage(path, plain, note);
+        serveImage(request, path, plain, note);
         delay = std::chrono::milliseconds(std::max(0, state_->options.faults.delayImagesMs));
       }
     } else {
@@ -456,7 +474,8 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   }
 
   template <class Plain>
-  void serveImage(std::string_view path, Plain& plain, std::string& note) {
+  void serveImage(const http::request<http::string_body>& request, std::string_view path, Plain& plain,
+                  std::string& note) {
     const FaultOptions& faults = state_->options.faults;
     const std::uint64_t n = ++state_->imageRequests;
     const auto parsed = parseImagePath(path);
@@ -485,10 +504,41 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
       response_.body() = "This is not a PNG picture, it is plain text served for a test.\n";
       note = " (text instead of the picture)";
     } else {
-      response_.result(http::status::ok);
-      response_.set(http::field::content_type, "image/png");
-      response_.body() = *png;
+      // Each picture is named by its update and size, so that is its ETag;
+      // a client that holds it is told so instead of being sent it again.
+      const std::string etag = "\"" + std::to_string(parsed->second) + "-" + parsed->first + "\"";
+      const std::string& modified = state_->renderedAt[parsed->second];
+      response_.set(http::field::etag, etag);
+      response_.set(http::field::last_modified, modified);
+      const auto ifNoneMatch = request[http::field::if_none_match];
+      const bool current = request.count(http::field::if_none_match)
+                               ? listsEtag(ifNoneMatch, etag)
+                               : request[http::field::if_modified_since] == modified;
+      if (current) {
+        response_.result(http::status::not_modified);
+        ++state_->notModified;
+        note = " (not modified)";
+      } else {
+        response_.result(http::status::ok);
+        response_.set(http::field::content_type, "image/png");
+        response_.body() = *png;
+        if (request.method() == http::verb::get) state_->imageBodyBytes += png->size();
+      }
     }
+  }
+
+  // Whether an If-None-Match list names `etag` (or is "*").
+  static bool listsEtag(std::string_view list, std::string_view etag) {
+    while (!list.empty()) {
+      const auto comma = list.find(',');
+      auto item = list.substr(0, comma);
+      list = comma == std::string_view::npos ? std::string_view() : list.substr(comma + 1);
+      while (!item.empty() && (item.front() == ' ' || item.front() == '\t')) item.remove_prefix(1);
+      while (!item.empty() && (item.back() == ' ' || item.back() == '\t')) item.remove_suffix(1);
+      if (item.starts_with("W/")) item.remove_prefix(2);
+      if (item == "*" || item == etag) return true;
+    }
+    return false;
   }
 
   void on_delay(beast::error_code ec) {
@@ -674,7 +724,9 @@ void Server::State::render() {
   }
   ++sequence;
   images[sequence] = std::move(rendered);
+  renderedAt[sequence] = httpDate(std::time(nullptr));
   while (images.size() > kKeptSequences) {
+    renderedAt.erase(images.begin()->first);
     images.erase(images.begin());
   }
   boost::json::array entries;
@@ -813,6 +865,10 @@ std::uint16_t Server::port() const { return state_->port; }
 const std::string& Server::trustAnchorPem() const { return state_->identity.trustAnchorPem; }
 
 std::uint64_t Server::sequence() const { return state_->sequence; }
+
+std::uint64_t Server::imageBodyBytes() const { return state_->imageBodyBytes; }
+
+std::uint64_t Server::notModifiedAnswers() const { return state_->notModified; }
 
 std::string Server::flightMapJson() const { return state_->flightMapBody; }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "qel/core/QELRequest.h"
+#include "qel/core/ResponseCache.h"
 
 #include <qel/Data.h>
 
@@ -18,6 +19,11 @@ struct TransportResult {
   // How long the server asked to be left alone before the next try
   // (Retry-After), when it said so.
   std::optional<std::chrono::seconds> retryAfter = std::nullopt;
+  // What identifies the answer (ETag, Last-Modified), when the server sent it.
+  Validators validators = {};
+  // The server said the held answer is current ("304 Not Modified"): `data`
+  // is the body the ResponseCache held.
+  bool notModified = false;
 };
 
 // One attempt in flight; cancel() makes sure its completion never runs.

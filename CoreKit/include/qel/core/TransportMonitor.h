@@ -1,5 +1,7 @@
 #pragma once
 
+#include "qel/core/ResponseCache.h"
+
 #include <qel/Data.h>
 
 #include <chrono>
@@ -63,6 +65,17 @@ struct TransportFailure {
   std::string message;
 };
 
+// An answer that reached the requester.
+struct TransportAnswer {
+  // The request's URL as the requester wrote it.
+  std::string url;
+  // The body (for a 304, the held body it stands for); null for the event
+  // channel.
+  const Data* body = nullptr;
+  Validators validators;
+  bool notModified = false;
+};
+
 // The failure a transport error stands for on `channel`.
 TransportFailure transportFailure(const Error& error, TransportChannel channel);
 
@@ -73,9 +86,8 @@ class TransportObserver {
   virtual ~TransportObserver() = default;
   // An attempt to reach the server on `channel` begins.
   virtual void transportWillConnect(TransportChannel /*channel*/) {}
-  // The channel works: the event channel is open, or a request was answered
-  // (`body` is the answer; empty for the event channel).
-  virtual void transportDidSucceed(TransportChannel /*channel*/, const Data* /*body*/) {}
+  // The channel works: the event channel is open, or a request was answered.
+  virtual void transportDidSucceed(TransportChannel /*channel*/, const TransportAnswer& /*answer*/) {}
   // An attempt failed; `nextAttempt` is when the transport tries again by
   // itself, if it does.
   virtual void transportDidFail(TransportChannel /*channel*/, const TransportFailure& /*failure*/,
@@ -91,7 +103,7 @@ class TransportMonitor {
   void removeObserver(const TransportObserver* observer);
 
   void willConnect(TransportChannel channel);
-  void didSucceed(TransportChannel channel, const Data* body = nullptr);
+  void didSucceed(TransportChannel channel, const TransportAnswer& answer = {});
   void didFail(TransportChannel channel, const TransportFailure& failure,
                std::optional<TransportObserver::Clock::time_point> nextAttempt = std::nullopt);
 

@@ -86,6 +86,10 @@ class Server {
   // PEM of what a client has to trust to connect.
   const std::string& trustAnchorPem() const;
   std::uint64_t sequence() const;
+  // Picture bytes sent in answers to GET so far (a 304 sends none).
+  std::uint64_t imageBodyBytes() const;
+  // Picture requests answered "304 Not Modified" so far.
+  std::uint64_t notModifiedAnswers() const;
   // The current map data body, as the REST resource serves it.
   std::string flightMapJson() const;
   // The PNG served for this resolution at the current sequence; empty when
