@@ -193,11 +193,11 @@ TEST(CApiStatusTest, EachFailureReachesTheStatusWithItsKindAndWordsAndLiveReturn
        "Connected; Cabin server error (status 503), next try in",
        [](void*) {}},  // the map data's own retry succeeds
       {"malformed record",
-       [](qelmaps_config* config) { return std::shared_ptr<void>(simulatorFor(config, failingRest(0, 1))); },
+       // Malformed twice: the map data is asked for at the start and again
+       // once the event channel is up.
+       [](qelmaps_config* config) { return std::shared_ptr<void>(simulatorFor(config, failingRest(0, 2))); },
        QELMAPS_CHANNEL_MAP_DATA, QELMAPS_FAILURE_MAP_DATA_REFUSED, 0, QELMAPS_PHASE_NO_MAP_DATA,
-       "\"images\" is not an array", "Connected; Map data refused: \"images\" is not an array",
-       // The next update carries a good record.
-       [](void* cabin) { static_cast<qel::testing::Simulator*>(cabin)->tick(); }},
+       "\"images\" is not an array", "Connected; Map data refused: \"images\" is not an array"},
       {"picture over the budget",
        [](qelmaps_config* config) {
          auto cabin = simulatorFor(config);
