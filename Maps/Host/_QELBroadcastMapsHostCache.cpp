@@ -217,7 +217,7 @@ void QELBroadcastMapsHostCache::keep(const std::string& url, const Data& bytes, 
   Entry entry;
   entry.width = static_cast<int>(shown.image->width());
   entry.height = static_cast<int>(shown.image->height());
-  entry.receivedAt = std::chrono::system_clock::now();
+  entry.receivedAt = shown.receivedAt;
   boost::json::object header;
   header["source"] = url;
   header["etag"] = validators.etag;

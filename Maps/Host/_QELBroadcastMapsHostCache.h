@@ -68,6 +68,9 @@ class QELBroadcastMapsHostCache : public core::ResponseCache,
     std::shared_ptr<const Image> image;
     std::optional<std::string> source;
     std::string record;
+    // When the application was shown it, so that a later run tells the
+    // same age.
+    std::chrono::system_clock::time_point receivedAt{};
   };
 
   // A cache in `directory` (made if missing), or empty with a log line when

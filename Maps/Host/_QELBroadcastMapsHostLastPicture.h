@@ -37,6 +37,7 @@ class QELBroadcastMapsHostLastPicture {
   bool empty() const { return !picture_.image; }
   bool fromCache() const { return picture_.fromCache; }
   const std::shared_ptr<const Image>& image() const { return picture_.image; }
+  WallClock::time_point receivedAt() const { return picture_.receivedAt; }
 
  private:
   QELBroadcastMapsLastPicture picture_;

@@ -168,6 +168,10 @@ void QELBroadcastMapsHostThread::openCache(std::optional<std::filesystem::path> 
     shown.image = service_->mapImage();
     shown.source = service_->broadcastMaps()->lastKnownImageURL();
     if (const auto& record = service_->broadcastMaps()->mapInfo()) shown.record = boost::json::serialize(*record);
+    // The service's notification of it may still be on its way: the last
+    // picture takes it now, so that the entry and the snapshot agree on when.
+    lastPicture_.follow(shown.image, shown.source);
+    shown.receivedAt = lastPicture_.receivedAt();
     return shown;
   });
   if (!cache_) return;

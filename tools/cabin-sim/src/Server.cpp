@@ -69,6 +69,18 @@ std::string_view pathOf(std::string_view target) {
 }
 
 // "/maps/800x600/17.png" -> resolution text and sequence number.
+// A strong ETag of `bytes`: their 64-bit FNV-1a hash, quoted.
+std::string contentTag(std::string_view bytes) {
+  std::uint64_t hash = 14695981039346656037ull;
+  for (const unsigned char byte : bytes) {
+    hash ^= byte;
+    hash *= 1099511628211ull;
+  }
+  char text[24];
+  std::snprintf(text, sizeof text, "\"%016llx\"", static_cast<unsigned long long>(hash));
+  return text;
+}
+
 // "Wed, 25 Nov 2026 16:21:23 GMT", as HTTP dates are written.
 std::string httpDate(std::time_t at) {
   std::tm utc{};
@@ -504,9 +516,10 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
       response_.body() = "This is not a PNG picture, it is plain text served for a test.\n";
       note = " (text instead of the picture)";
     } else {
-      // Each picture is named by its update and size, so that is its ETag;
-      // a client that holds it is told so instead of being sent it again.
-      const std::string etag = "\"" + std::to_string(parsed->second) + "-" + parsed->first + "\"";
+      // The ETag follows the bytes (a restarted server may serve other
+      // pictures under the same names); a client that holds them is told
+      // so instead of being sent them again.
+      const std::string etag = contentTag(*png);
       const std::string& modified = state_->renderedAt[parsed->second];
       response_.set(http::field::etag, etag);
       response_.set(http::field::last_modified, modified);

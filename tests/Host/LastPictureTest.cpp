@@ -1,0 +1,273 @@
+// The map stays up: the last picture through an outage, across a restart
+// from the disk cache (before any connection), revalidated with the server
+// instead of downloaded again, and whatever is wrong with the cache costing
+// a log line and nothing else. Against the simulator over real TLS.
+
+#include <QELMaps/QELMaps.h>
+#include <qel/core/QELLogging.h>
+
+#include "../Support/Simulator.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace qel {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Snapshot = QELBroadcastMapsHost::Snapshot;
+
+bool waitFor(QELBroadcastMapsHost& host, const std::function<bool(const QELBroadcastMapsSnapshot&)>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (!condition(*host.snapshot())) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+bool live(const QELBroadcastMapsSnapshot& snapshot) {
+  return snapshot.image && snapshot.lastPicture.image == snapshot.image && !snapshot.lastPicture.stale;
+}
+
+// A directory of its own for each test, gone afterwards.
+struct TemporaryDirectory {
+  fs::path path = fs::temp_directory_path() / ("qelmaps-cache-" + std::to_string(::getpid()) + "-" +
+                                               std::to_string(counter()++));
+  TemporaryDirectory() { fs::remove_all(path); }
+  ~TemporaryDirectory() {
+    std::error_code ignored;
+    fs::remove_all(path, ignored);
+  }
+  static int& counter() {
+    static int next = 0;
+    return next;
+  }
+};
+
+// The log lines written while it lives.
+struct CapturedLog {
+  std::mutex mutex;
+  std::vector<std::string> lines;
+  CapturedLog() {
+    core::QELLogging::setSink([this](int, std::string_view, std::string_view message) {
+      std::lock_guard lock(mutex);
+      lines.emplace_back(message);
+    });
+  }
+  ~CapturedLog() { core::QELLogging::setSink(nullptr); }
+  bool has(std::string_view part) {
+    std::lock_guard lock(mutex);
+    for (const auto& line : lines) {
+      if (line.find(part) != std::string::npos) return true;
+    }
+    return false;
+  }
+};
+
+std::uint16_t closedPort() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+std::unique_ptr<QELBroadcastMapsHost> hostFor(const core::QELConfiguration& configuration,
+                                              std::optional<fs::path> cache) {
+  QELBroadcastMapsHost::Options options;
+  options.configuration = configuration;
+  options.cacheDirectory = std::move(cache);
+  auto host = QELBroadcastMapsHost::create(std::move(options));
+  if (host) {
+    host->setCurrentResolutionWithCGSize({400, 300});
+    host->start();
+  }
+  return host;
+}
+
+TEST(LastPictureTest, OutlivesAnOutageStaleAndComesBackFromTheCacheBeforeAnyConnectionThenRevalidates) {
+  TemporaryDirectory cache;
+  testing::Simulator simulator;
+  QELBroadcastMapsLastPicture shown;
+  {
+    auto host = hostFor(simulator.configuration(), cache.path);
+    ASSERT_TRUE(host);
+    ASSERT_TRUE(waitFor(*host, live));
+    shown = host->snapshot()->lastPicture;
+    EXPECT_FALSE(shown.fromCache);
+    EXPECT_EQ(shown.source, "/maps/400x300/1.png");
+    EXPECT_TRUE(fs::is_regular_file(cache.path / "map-400x300.entry"));
+
+    // The server goes: the service's picture empties, the last one stays,
+    // stale, received when it was.
+    simulator.stop();
+    ASSERT_TRUE(waitFor(*host, [](const auto& s) { return !s.image && s.lastPicture.stale; }));
+    const auto kept = host->snapshot()->lastPicture;
+    EXPECT_EQ(kept.image, shown.image);
+    EXPECT_EQ(kept.receivedAt, shown.receivedAt);
+    EXPECT_GT(kept.age(), 0s);
+  }
+
+  // A new run with the server out of reach: the picture is there from the
+  // first snapshot, with its true age.
+  auto unreachable = simulator.configuration();
+  unreachable.port = closedPort();
+  {
+    auto host = hostFor(unreachable, cache.path);
+    ASSERT_TRUE(host);
+    const auto first = host->snapshot()->lastPicture;
+    ASSERT_TRUE(first.image) << "the cached picture was not shown at once";
+    EXPECT_TRUE(first.fromCache && first.stale);
+    EXPECT_TRUE(*first.image == *shown.image);
+    EXPECT_LE(std::chrono::abs(first.receivedAt - shown.receivedAt), 1ms);
+    EXPECT_GE(first.age(), std::chrono::steady_clock::now() - shown.receivedAtSteady - 50ms);
+  }
+
+  // The same server still shows the same update: a new run asks whether the
+  // picture changed and is told it did not; no picture byte crosses.
+  testing::Simulator server;
+  {
+    auto host = hostFor(server.configuration(), cache.path);
+    ASSERT_TRUE(waitFor(*host, live));
+  }
+  const auto sent = server.call([](cabinsim::Server& s) { return s.imageBodyBytes(); });
+  const auto current = server.call([](cabinsim::Server& s) { return s.notModifiedAnswers(); });
+  {
+    auto host = hostFor(server.configuration(), cache.path);
+    ASSERT_TRUE(host);
+    EXPECT_TRUE(host->snapshot()->lastPicture.fromCache);
+    ASSERT_TRUE(waitFor(*host, live));
+    EXPECT_FALSE(host->snapshot()->lastPicture.fromCache);
+  }
+  EXPECT_EQ(server.call([](cabinsim::Server& s) { return s.imageBodyBytes(); }), sent);
+  EXPECT_EQ(server.call([](cabinsim::Server& s) { return s.notModifiedAnswers(); }), current + 1);
+}
+
+// Whatever is wrong with the cache: one log line, no picture from it, and
+// the map comes from the server as without a cache.
+TEST(LastPictureTest, ABrokenCacheCostsALogLineAndTheMapStillComes) {
+  testing::Simulator simulator;
+  const auto png = simulator.call([](cabinsim::Server& s) { return s.currentPng({400, 300}); });
+  const auto entry = [&](std::string_view header, std::string_view bytes) {
+    return std::string("QELMAPS-CACHE 1\n") + std::string(header) + "\n" + std::string(bytes);
+  };
+  const auto header = [](std::size_t bytes) {
+    return R"({"source":"/maps/400x300/1.png","etag":"","lastModified":"","receivedAt":1,"width":400,)"
+           R"("height":300,"record":"","bytes":)" +
+           std::to_string(bytes) + "}";
+  };
+  struct Case {
+    const char* name;
+    std::function<void(const fs::path& directory)> spoil;
+    const char* logged;
+    bool keeps = true;  // a good entry is written once the map comes
+  };
+  const Case cases[] = {
+      {"not an entry", [](const fs::path& d) { std::ofstream(d / "map-400x300.entry") << "hello"; },
+       "not an entry of this version"},
+      {"another version", [](const fs::path& d) { std::ofstream(d / "map-400x300.entry") << "QELMAPS-CACHE 2\n{}\n"; },
+       "not an entry of this version"},
+      {"truncated",
+       [&](const fs::path& d) {
+         std::ofstream(d / "map-400x300.entry", std::ios::binary)
+             << entry(header(png.size()), std::string_view(png).substr(0, png.size() / 2));
+       },
+       "truncated"},
+      {"bytes that are no picture",
+       [&](const fs::path& d) {
+         std::ofstream(d / "map-400x300.entry", std::ios::binary) << entry(header(png.size()), std::string(png.size(), 'x'));
+       },
+       "its picture does not decode"},
+      {"oversized",
+       [](const fs::path& d) {
+         std::ofstream(d / "map-400x300.entry") << "QELMAPS-CACHE 1\n";
+         fs::resize_file(d / "map-400x300.entry", 17ull * 1024 * 1024 + 1);
+       },
+       "more than an entry may have"},
+      {"a directory where an entry belongs", [](const fs::path& d) { fs::create_directories(d / "map-400x300.entry"); },
+       "a directory where an entry belongs", false},
+  };
+  for (const auto& testCase : cases) {
+    SCOPED_TRACE(testCase.name);
+    TemporaryDirectory cache;
+    fs::create_directories(cache.path);
+    testCase.spoil(cache.path);
+    // What a crash in the middle of a write leaves goes at the start.
+    std::ofstream(cache.path / ".map-400x300-1.tmp") << "half";
+    CapturedLog log;
+    auto host = hostFor(simulator.configuration(), cache.path);
+    ASSERT_TRUE(host);
+    EXPECT_FALSE(host->snapshot()->lastPicture.image);
+    EXPECT_TRUE(log.has(testCase.logged));
+    EXPECT_FALSE(fs::exists(cache.path / ".map-400x300-1.tmp"));
+    ASSERT_TRUE(waitFor(*host, live));
+    host.reset();
+    // Nothing half-written is left; the entry is good now, or still what
+    // stood in its place.
+    for (const auto& file : fs::directory_iterator(cache.path)) {
+      EXPECT_FALSE(file.path().filename().string().ends_with(".tmp")) << file.path();
+    }
+    if (testCase.keeps) {
+      auto again = hostFor(simulator.configuration(), cache.path);
+      EXPECT_TRUE(again->snapshot()->lastPicture.fromCache);
+    } else {
+      EXPECT_TRUE(log.has("could not be kept"));
+    }
+  }
+
+  // A cache path that is a file cannot be a cache: the map runs without.
+  {
+    TemporaryDirectory cache;
+    std::ofstream(cache.path) << "a file";
+    CapturedLog log;
+    auto host = hostFor(simulator.configuration(), cache.path);
+    ASSERT_TRUE(host);
+    EXPECT_TRUE(log.has("running without a cache"));
+    EXPECT_TRUE(waitFor(*host, live));
+    host.reset();
+    fs::remove(cache.path);
+  }
+
+  // A write that fails part-way (here: the file size limit, as a full disk
+  // would) leaves nothing behind and is said once.
+  {
+    TemporaryDirectory cache;
+    CapturedLog log;
+    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit previous{};
+    ::getrlimit(RLIMIT_FSIZE, &previous);
+    rlimit small = previous;
+    small.rlim_cur = 1024;
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    auto host = hostFor(simulator.configuration(), cache.path);
+    ASSERT_TRUE(host);
+    EXPECT_TRUE(waitFor(*host, live));
+    EXPECT_TRUE(waitFor(*host, [&](const auto&) { return log.has("the picture could not be kept"); }));
+    host.reset();
+    ::setrlimit(RLIMIT_FSIZE, &previous);
+    std::signal(SIGXFSZ, previousHandler);
+    EXPECT_TRUE(fs::is_empty(cache.path));
+  }
+}
+
+}  // namespace
+}  // namespace qel
