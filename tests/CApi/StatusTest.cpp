@@ -188,7 +188,9 @@ TEST(CApiStatusTest, EachFailureReachesTheStatusWithItsKindAndWordsAndLiveReturn
        QELMAPS_CHANNEL_EVENTS, QELMAPS_FAILURE_NAME_LOOKUP, 0, QELMAPS_PHASE_WAITING_TO_RETRY, "cabin.test",
        "Cabin server name not found, next try in"},
       {"map data answered with an error status",
-       [](qelmaps_config* config) { return std::shared_ptr<void>(simulatorFor(config, failingRest(1, 0))); },
+       // Twice: the load at the start may fail before the event channel is
+       // up; the one that follows (on connecting, or the retry) fails with it up.
+       [](qelmaps_config* config) { return std::shared_ptr<void>(simulatorFor(config, failingRest(2, 0))); },
        QELMAPS_CHANNEL_MAP_DATA, QELMAPS_FAILURE_HTTP_STATUS, 503, QELMAPS_PHASE_NO_MAP_DATA, "status 503",
        "Connected; Cabin server error (status 503), next try in",
        [](void*) {}},  // the map data's own retry succeeds
