@@ -49,6 +49,7 @@ QtBroadcastMaps::QtBroadcastMaps(QObject* parent) : QObject(parent) {
   host_ = QELBroadcastMapsHost::create(std::move(options));
   snapshot_ = host_ ? host_->snapshot() : std::make_shared<const QELBroadcastMapsSnapshot>();
   image_ = sharedImage(snapshot_->image);
+  lastImage_ = sharedImage(snapshot_->lastPicture.image);
 }
 
 QtBroadcastMaps::~QtBroadcastMaps() = default;
@@ -69,6 +70,13 @@ static_assert(static_cast<int>(QtBroadcastMaps::Phase::NoMapData) ==
               "the Qt phases are the host's");
 
 QString QtBroadcastMaps::statusText() const { return QString::fromStdString(snapshot_->status.describe()); }
+
+QDateTime QtBroadcastMaps::lastImageReceivedAt() const {
+  if (!snapshot_->lastPicture.image) return {};
+  return QDateTime::fromMSecsSinceEpoch(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                            snapshot_->lastPicture.receivedAt.time_since_epoch())
+                                            .count());
+}
 
 QDateTime QtBroadcastMaps::nextAttempt() const {
   const auto& next = snapshot_->status.nextAttempt;
@@ -104,6 +112,11 @@ void QtBroadcastMaps::apply(QELBroadcastMapsHostEvent event, QELBroadcastMapsHos
     image_ = sharedImage(snapshot_->image);
     emit imageChanged(image_);
   }
+  if (snapshot_->lastPicture.image != previous->lastPicture.image) {
+    lastImage_ = snapshot_->lastPicture.image == snapshot_->image ? image_ : sharedImage(snapshot_->lastPicture.image);
+    emit lastImageChanged(lastImage_);
+  }
+  if (snapshot_->lastPicture.stale != previous->lastPicture.stale) emit staleChanged(snapshot_->lastPicture.stale);
   if (snapshot_->resolutions != previous->resolutions) emit resolutionsChanged(resolutions());
   if (snapshot_->currentResolution != previous->currentResolution) emit resolutionChanged(resolution());
   if (snapshot_->receiving != previous->receiving) emit receivingChanged(snapshot_->receiving);

@@ -16,6 +16,9 @@
 #include <qel/core/QELHostname.h>
 
 #include <array>
+#include <chrono>
+#include <cstdint>
+#include <string>
 #include <atomic>
 #include <cstddef>
 #include <memory>
@@ -42,6 +45,14 @@ struct Delivery {
 };
 extern thread_local Delivery currentDelivery;
 
+// When `image` was received, in Unix milliseconds, if it is the snapshot's
+// last picture; else 0.
+inline std::int64_t receivedAtMs(const QELBroadcastMapsSnapshot& snapshot, const std::shared_ptr<const Image>& image) {
+  if (!image || snapshot.lastPicture.image != image) return 0;
+  return std::chrono::duration_cast<std::chrono::milliseconds>(snapshot.lastPicture.receivedAt.time_since_epoch())
+      .count();
+}
+
 }  // namespace qel::capi
 
 struct qelmaps_config {
@@ -51,6 +62,7 @@ struct qelmaps_config {
   void* dispatchUserData = nullptr;
   qelmaps_log_callback log = nullptr;
   void* logUserData = nullptr;
+  std::optional<std::string> cacheDirectory;
 };
 
 struct qelmaps_client {
@@ -71,5 +83,6 @@ struct qelmaps_task {
 
 struct qelmaps_picture {
   std::shared_ptr<const qel::Image> image;
+  std::int64_t receivedAtMs = 0;
   std::atomic<std::size_t> references{1};
 };

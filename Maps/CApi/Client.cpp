@@ -81,6 +81,7 @@ qelmaps_error qelmaps_client_create(const qelmaps_config* config, qelmaps_client
 
     qel::QELBroadcastMapsHost::Options options;
     options.configuration = config->configuration;
+    if (config->cacheDirectory) options.cacheDirectory = *config->cacheDirectory;
     client->dispatched = config->dispatch != nullptr;
     if (config->dispatch) {
       options.executor = [dispatch = config->dispatch, userData = config->dispatchUserData](
@@ -194,10 +195,12 @@ qelmaps_error qelmaps_client_map_data(qelmaps_client* client, qelmaps_map_data* 
 
 qelmaps_error qelmaps_client_picture(qelmaps_client* client, qelmaps_picture** picture) {
   if (!client || !picture) return QELMAPS_ERROR_NULL_ARGUMENT;
-  auto image = client->snapshot()->image;
+  const auto snapshot = client->snapshot();
+  auto image = snapshot->image;
   if (!image) return QELMAPS_ERROR_NO_PICTURE;
   auto* result = new (std::nothrow) qelmaps_picture;
   if (!result) return QELMAPS_ERROR_OUT_OF_MEMORY;
+  result->receivedAtMs = qel::capi::receivedAtMs(*snapshot, image);
   result->image = std::move(image);
   *picture = result;
   return QELMAPS_OK;

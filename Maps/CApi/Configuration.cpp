@@ -82,6 +82,17 @@ qelmaps_error qelmaps_config_set_max_map_entries(qelmaps_config* config, size_t 
   return QELMAPS_OK;
 }
 
+qelmaps_error qelmaps_config_set_cache_dir(qelmaps_config* config, const char* path) {
+  if (!config || !path) return QELMAPS_ERROR_NULL_ARGUMENT;
+  if (!*path) return QELMAPS_ERROR_INVALID_ARGUMENT;
+  try {
+    config->cacheDirectory = path;
+  } catch (const std::bad_alloc&) {
+    return QELMAPS_ERROR_OUT_OF_MEMORY;
+  }
+  return QELMAPS_OK;
+}
+
 qelmaps_error qelmaps_config_set_log_threshold(qelmaps_config* config, int threshold) {
   if (!config) return QELMAPS_ERROR_NULL_ARGUMENT;
   if (threshold < 0) return QELMAPS_ERROR_INVALID_ARGUMENT;

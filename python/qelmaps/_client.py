@@ -82,6 +82,8 @@ class Picture(NamedTuple):
     width: int
     height: int
     pixels: memoryview
+    received_at: float = 0.0  # Unix time, seconds; from an earlier run when it came from the cache
+    stale: bool = False  # not the current live map: show its age
 
     def tobytes(self) -> bytes:
         return self.pixels.tobytes()
@@ -154,7 +156,8 @@ class Client:
     def __init__(self, host: Optional[str] = None, port: Optional[int] = None, ca_file: Optional[str] = None,
                  event_path: Optional[str] = None, log_level: Optional[int] = None,
                  log: Optional[Callable[[int, str, str], None]] = None,
-                 handlers: "Optional[Dict[Event | str, Handler]]" = None):
+                 handlers: "Optional[Dict[Event | str, Handler]]" = None,
+                 cache_dir: "Optional[str | os.PathLike[str]]" = None):
         self._handlers: Dict[Event, List[Handler]] = {}
         self._tasks: "queue.SimpleQueue[object]" = queue.SimpleQueue()
         self._lock = threading.Lock()
@@ -182,6 +185,8 @@ class Client:
                 _check(_lib.qelmaps_config_set_event_path(config, event_path.encode()), "event_path")
             if log_level is not None:
                 _check(_lib.qelmaps_config_set_log_threshold(config, log_level), "log_level")
+            if cache_dir is not None:
+                _check(_lib.qelmaps_config_set_cache_dir(config, os.fsencode(cache_dir)), "cache_dir")
             if self._on_log:
                 _check(_lib.qelmaps_config_set_log_callback(config, self._on_log, None), "log")
             _check(_lib.qelmaps_config_set_dispatch(config, self._on_dispatch, None), "dispatch")
@@ -278,9 +283,20 @@ class Client:
 
     @_holding
     def picture(self) -> Optional[Picture]:
-        """The latest map picture (its pixels shared, not copied), or None."""
+        """The service's current map picture (its pixels shared, not copied), or None."""
+        return self._picture(_lib.qelmaps_client_picture, False)
+
+    @_holding
+    def last_picture(self) -> Optional[Picture]:
+        """The last picture shown, kept through outages (and, with ``cache_dir``, across runs),
+        with ``received_at`` and ``stale``; None when there never was one."""
+        stale = ctypes.c_int()
+        _check(_lib.qelmaps_client_picture_is_stale(self._live(), ctypes.byref(stale)), "picture_is_stale")
+        return self._picture(_lib.qelmaps_client_last_picture, bool(stale.value))
+
+    def _picture(self, read: Callable[..., int], stale: bool) -> Optional[Picture]:
         handle = ctypes.c_void_p()
-        code = _lib.qelmaps_client_picture(self._live(), ctypes.byref(handle))
+        code = read(self._live(), ctypes.byref(handle))
         if code == _NO_PICTURE:
             return None
         _check(code, "picture")
@@ -292,7 +308,8 @@ class Client:
         pixels = memoryview(rows).cast("B")
         if stride != width * 4:  # padded rows: packed into a copy
             pixels = memoryview(b"".join(pixels[row * stride:row * stride + width * 4] for row in range(height)))
-        return Picture(width, height, pixels.toreadonly())
+        received_at = _lib.qelmaps_picture_received_at_ms(handle) / 1000.0
+        return Picture(width, height, pixels.toreadonly(), received_at, stale)
 
     def close(self) -> None:
         """Stops the map; no callback runs once this returns. Safe to call twice, and from a callback.

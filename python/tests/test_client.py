@@ -52,6 +52,10 @@ def test_receives_the_chosen_picture_and_the_resolutions_until_the_server_stops(
         wait_for(received, qelmaps.ERROR)
         assert not client.has_map_data and client.map_data == "none"
         assert client.resolutions() == []
+        # The map stays: the last picture, stale, received when it was.
+        last = client.last_picture()
+        assert client.picture() is None and last.stale and not picture.stale
+        assert last.received_at == picture.received_at > 0 and last.pixels == picture.pixels
     with pytest.raises(qelmaps.ClosedError):
         client.start()
     assert unheard == []
@@ -159,3 +163,18 @@ def test_closing_the_client_in_the_log_callback_closes_it_completely(simulator):
         clients[0].resolutions()
     # Only one client may live at a time: the first is gone.
     qelmaps.Client(**settings).close()
+
+
+def test_a_client_with_a_cache_directory_shows_the_last_picture_of_an_earlier_run_at_once(simulator, tmp_path):
+    _, settings = simulator
+    with qelmaps.Client(**settings, cache_dir=tmp_path) as client:
+        received = events(client, qelmaps.IMAGE_DID_CHANGE)
+        client.start()
+        wait_for(received, qelmaps.IMAGE_DID_CHANGE)
+        shown = client.last_picture()
+    assert not shown.stale
+    # The server is out of reach now; the picture is there before any connection.
+    with qelmaps.Client(**dict(settings, port=1), cache_dir=str(tmp_path)) as client:
+        cached = client.last_picture()
+    assert cached.stale and cached.pixels == shown.pixels
+    assert abs(cached.received_at - shown.received_at) < 0.002

@@ -147,7 +147,7 @@ TEST(CApiArgumentsTest, NullHandlesAndOutOfRangeValuesAreErrorsNotCrashes) {
   for (qelmaps_error error : {qelmaps_config_set_port(config, 0), qelmaps_config_set_port(config, 65536),
                               qelmaps_config_set_port(config, -1), qelmaps_config_set_log_threshold(config, -1),
                               qelmaps_config_set_ca_pem(config, "", 0), qelmaps_config_set_max_pixels(config, 0),
-                              qelmaps_config_set_max_map_entries(config, 0)}) {
+                              qelmaps_config_set_max_map_entries(config, 0), qelmaps_config_set_cache_dir(config, "")}) {
     EXPECT_EQ(error, QELMAPS_ERROR_INVALID_ARGUMENT);
   }
   EXPECT_EQ(qelmaps_config_set_port(config, 65535), QELMAPS_OK);
@@ -185,6 +185,7 @@ TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThreadWhichMa
 
   qelmaps_picture* picture = nullptr;
   EXPECT_EQ(qelmaps_client_picture(client_, &picture), QELMAPS_ERROR_NO_PICTURE);
+  EXPECT_EQ(qelmaps_client_last_picture(client_, &picture), QELMAPS_ERROR_NO_PICTURE);
   qelmaps_size size{};
   for (auto [w, h] : {std::pair{0.0, 768.0}, {1024.0, -1.0}, {NAN, 768.0}, {1024.0, INFINITY}}) {
     EXPECT_EQ(qelmaps_client_choose_resolution(client_, w, h), QELMAPS_ERROR_INVALID_ARGUMENT);
@@ -232,6 +233,18 @@ TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThreadWhichMa
   EXPECT_EQ(mapData, QELMAPS_MAP_DATA_NONE);
   EXPECT_EQ(qelmaps_client_resolutions(client_, nullptr, 0, &count), QELMAPS_OK);
   EXPECT_EQ(count, 0u);
+  // The map stays on screen: the last picture is the one shown, stale now,
+  // received when it was.
+  qelmaps_picture* last = nullptr;
+  int stale = 0;
+  EXPECT_EQ(qelmaps_client_picture(client_, &last), QELMAPS_ERROR_NO_PICTURE);
+  ASSERT_EQ(qelmaps_client_last_picture(client_, &last), QELMAPS_OK);
+  EXPECT_EQ(qelmaps_picture_pixels(last), qelmaps_picture_pixels(picture));
+  EXPECT_EQ(qelmaps_picture_received_at_ms(last), qelmaps_picture_received_at_ms(picture));
+  EXPECT_GT(qelmaps_picture_received_at_ms(last), 0);
+  EXPECT_EQ(qelmaps_client_picture_is_stale(client_, &stale), QELMAPS_OK);
+  EXPECT_EQ(stale, 1);
+  qelmaps_picture_release(last);
 
   // The picture outlives the client; every callback ran on one thread that
   // is not ours (gone now: nothing else touches the recorder).

@@ -120,7 +120,18 @@ static void on_event(qelmaps_client *client, qelmaps_event event, void *user_dat
       qelmaps_picture_release(picture);
     }
   } else if (event == QELMAPS_EVENT_ERROR) {
-    snprintf(detail, sizeof detail, "no map data");
+    /* The map stays on screen meanwhile, with its age. */
+    qelmaps_picture *last = NULL;
+    if (qelmaps_client_last_picture(client, &last) == QELMAPS_OK) {
+      struct timespec now;
+      clock_gettime(CLOCK_REALTIME, &now);
+      const int64_t age_ms = (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000 - qelmaps_picture_received_at_ms(last);
+      snprintf(detail, sizeof detail, "no map data; showing the last picture, received %lld s ago",
+               (long long)(age_ms / 1000));
+      qelmaps_picture_release(last);
+    } else {
+      snprintf(detail, sizeof detail, "no map data");
+    }
   } else if (event == QELMAPS_EVENT_STATUS_DID_CHANGE) {
     /* Why the map is or is not live, in words for people (cut to fit). */
     size_t length = 0;

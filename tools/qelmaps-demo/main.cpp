@@ -85,6 +85,11 @@ class MapScreen {
         break;
       case Event::Error:
         detail = "no map data";
+        // The map stays on screen meanwhile, with its age.
+        if (snapshot->lastPicture.image) {
+          const auto age = std::chrono::duration_cast<std::chrono::seconds>(snapshot->lastPicture.age());
+          detail += "; showing the last picture, received " + std::to_string(age.count()) + " s ago";
+        }
         break;
       case Event::StatusDidChange:
         // Why the map is or is not live, in words for people; a change the

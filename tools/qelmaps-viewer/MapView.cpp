@@ -20,6 +20,12 @@ void MapView::setPlaceholder(const QString& text) {
   if (image_.isNull()) update();
 }
 
+void MapView::setStale(const QString& caption) {
+  if (staleCaption_ == caption) return;
+  staleCaption_ = caption;
+  if (!image_.isNull()) update();
+}
+
 QRect MapView::pictureRect() const {
   if (image_.isNull()) return {};
   const QSize fitted = image_.size().scaled(size(), Qt::KeepAspectRatio);
@@ -41,6 +47,16 @@ void MapView::paintEvent(QPaintEvent*) {
   // neighbour would break up.
   painter.setRenderHint(QPainter::SmoothPixmapTransform);
   painter.drawImage(pictureRect(), image_);
+  if (staleCaption_.isEmpty()) return;
+  // Still the map, but visibly not the live one.
+  painter.fillRect(pictureRect(), QColor(0x12, 0x1c, 0x26, 0x90));
+  QFont font = painter.font();
+  font.setPointSizeF(font.pointSizeF() * 1.6);
+  font.setBold(true);
+  painter.setFont(font);
+  const QRect band = QRect(pictureRect().left(), pictureRect().bottom() - 64, pictureRect().width(), 48);
+  painter.setPen(QColor(0xf0, 0xf4, 0xf8));
+  painter.drawText(band, Qt::AlignCenter, staleCaption_);
 }
 
 }  // namespace qelviewer

@@ -14,6 +14,7 @@ namespace qelviewer {
 //   auto* view = new qelviewer::MapView(parent);
 //   view->setImage(picture);            // a null QImage shows the placeholder
 //   view->setPlaceholder("No map data");
+//   view->setStale("updated 40 s ago");  // the picture dimmed, the caption over it
 class MapView : public QWidget {
   Q_OBJECT
 
@@ -22,6 +23,9 @@ class MapView : public QWidget {
 
   void setImage(const QImage& image);
   void setPlaceholder(const QString& text);
+  // A stale picture is drawn dimmed, with `caption` ("updated 40 s ago")
+  // over it; an empty caption draws it as it is.
+  void setStale(const QString& caption);
   const QImage& image() const { return image_; }
 
   // Where the picture is drawn, in this widget's coordinates; empty without
@@ -37,6 +41,7 @@ class MapView : public QWidget {
  private:
   QImage image_;
   QString placeholder_;
+  QString staleCaption_;
 };
 
 }  // namespace qelviewer

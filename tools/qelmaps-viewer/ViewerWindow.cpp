@@ -3,6 +3,7 @@
 #include <QELMapsQt/QtBroadcastMaps.h>
 
 #include <QComboBox>
+#include <QDateTime>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
@@ -11,6 +12,8 @@
 
 #include "MapView.h"
 
+#include <algorithm>
+
 namespace qelviewer {
 
 namespace {
@@ -18,7 +21,7 @@ namespace {
 QString sizeText(QSize size) { return QStringLiteral("%1 × %2").arg(size.width()).arg(size.height()); }
 
 QString ageText(qint64 ms) {
-  if (ms < 60'000) return QStringLiteral("%1 s").arg(ms / 1000.0, 0, 'f', 1);
+  if (ms < 60'000) return QStringLiteral("%1 s").arg(ms / 1000);
   return QStringLiteral("%1 min %2 s").arg(ms / 60'000).arg(ms / 1000 % 60);
 }
 
@@ -52,7 +55,10 @@ ViewerWindow::ViewerWindow(qel::QtBroadcastMaps& maps, QWidget* parent)
   statusBar()->addWidget(status_, 1);
   statusBar()->setSizeGripEnabled(false);
 
-  connect(&maps_, &qel::QtBroadcastMaps::imageChanged, this, &ViewerWindow::showImage);
+  // The last picture, not only the live one: the map stays on screen
+  // through an outage, dimmed, with its age.
+  connect(&maps_, &qel::QtBroadcastMaps::lastImageChanged, this, &ViewerWindow::showImage);
+  connect(&maps_, &qel::QtBroadcastMaps::staleChanged, this, &ViewerWindow::updateStatus);
   connect(&maps_, &qel::QtBroadcastMaps::resolutionsChanged, this, &ViewerWindow::fillResolutions);
   connect(&maps_, &qel::QtBroadcastMaps::resolutionChanged, this,
           [this] { fillResolutions(maps_.resolutions()); });
@@ -72,7 +78,7 @@ ViewerWindow::ViewerWindow(qel::QtBroadcastMaps& maps, QWidget* parent)
   ticker_.start(250);
 
   fillResolutions(maps_.resolutions());
-  showImage(maps_.image());
+  showImage(maps_.lastImage());
   // The map's own size (1024 by 768) when the screen allows.
   resize(sizeHint());
 }
@@ -80,10 +86,6 @@ ViewerWindow::ViewerWindow(qel::QtBroadcastMaps& maps, QWidget* parent)
 QString ViewerWindow::statusText() const { return status_->text(); }
 
 void ViewerWindow::showImage(const QImage& image) {
-  if (!image.isNull())
-    pictureAge_.start();
-  else
-    pictureAge_.invalidate();
   view_->setImage(image);
   updateStatus();
 }
@@ -107,10 +109,13 @@ void ViewerWindow::updateStatus() {
   // What the library says of the connection: why there is no map, and when
   // it tries again.
   QString text = maps_.statusText();
-  if (pictureAge_.isValid()) {
-    text +=
-        tr("  ·  picture %1, %2 old").arg(sizeText(view_->image().size()), ageText(pictureAge_.elapsed()));
+  // The age on the wall clock: a picture from an earlier run tells its own.
+  const QDateTime received = maps_.lastImageReceivedAt();
+  const qint64 age = received.isValid() ? std::max<qint64>(0, received.msecsTo(QDateTime::currentDateTime())) : 0;
+  if (received.isValid()) {
+    text += tr("  ·  picture %1, %2 old").arg(sizeText(view_->image().size()), ageText(age));
   }
+  view_->setStale(received.isValid() && maps_.isStale() ? tr("updated %1 ago").arg(ageText(age)) : QString());
   status_->setText(text);
   startStop_->setText(maps_.isReceiving() ? tr("Stop") : tr("Start"));
   view_->setPlaceholder(maps_.isReceiving() && maps_.hasMapData() ? tr("Waiting for the map…") : text);

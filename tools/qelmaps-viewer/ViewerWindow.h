@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QElapsedTimer>
 #include <QMainWindow>
 #include <QTimer>
 
@@ -46,7 +45,6 @@ class ViewerWindow : public QMainWindow {
   QComboBox* resolutions_;
   QPushButton* startStop_;
   QLabel* status_;
-  QElapsedTimer pictureAge_;
   QTimer ticker_;
 };
 

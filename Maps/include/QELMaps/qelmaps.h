@@ -214,6 +214,7 @@ typedef void (*qelmaps_log_callback)(int level, const char *domain, const char *
  *   name servers  QEL_DNS_SERVERS        the system's
  *   max pixels    QEL_MAX_PIXELS         16777216
  *   max entries   QEL_MAX_MAP_ENTRIES    256
+ *   cache dir     QEL_CACHE_DIR          (none: nothing is written)
  * Free it with qelmaps_config_destroy(); a client keeps its own copy. */
 QELMAPS_C_API qelmaps_config *qelmaps_config_create(void);
 
@@ -256,6 +257,15 @@ QELMAPS_C_API qelmaps_error qelmaps_config_add_resolve(qelmaps_config *config, c
  * refused whole (default 256). INVALID_ARGUMENT for 0. */
 QELMAPS_C_API qelmaps_error qelmaps_config_set_max_pixels(qelmaps_config *config, uint64_t pixels);
 QELMAPS_C_API qelmaps_error qelmaps_config_set_max_map_entries(qelmaps_config *config, size_t entries);
+
+/* A directory where the last picture of each resolution is kept across runs
+ * (made if missing; QEL_CACHE_DIR when unset; without either nothing is
+ * written anywhere). A client made with one shows the kept picture at once,
+ * stale and with its true age (qelmaps_client_last_picture()), and asks the
+ * server whether it changed instead of downloading it again. Whatever is
+ * wrong with the directory or an entry costs a log line and that entry.
+ * Errors: NULL_ARGUMENT, INVALID_ARGUMENT (an empty path). */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_cache_dir(qelmaps_config *config, const char *path);
 
 /* Log lines above `threshold` are dropped (1 only the most severe; 5 all).
  * INVALID_ARGUMENT below 0. */
@@ -378,6 +388,20 @@ QELMAPS_C_API qelmaps_error qelmaps_client_map_data(qelmaps_client *client, qelm
  * never change. Errors: NULL_ARGUMENT, NO_PICTURE, OUT_OF_MEMORY. */
 QELMAPS_C_API qelmaps_error qelmaps_client_picture(qelmaps_client *client, qelmaps_picture **picture);
 
+/* Writes a new reference to the last picture the application was shown:
+ * the current one, or, when there is none (the map data went, the server is
+ * out of reach), the one before, kept; with a cache directory also one from
+ * an earlier run. Release it with qelmaps_picture_release().
+ * qelmaps_picture_received_at_ms() says when it was received.
+ * Errors: NULL_ARGUMENT, NO_PICTURE (there never was one), OUT_OF_MEMORY. */
+QELMAPS_C_API qelmaps_error qelmaps_client_last_picture(qelmaps_client *client, qelmaps_picture **picture);
+
+/* Writes 1 to *stale when the last picture is not that of the current live
+ * map (the channel is down, there is no map data, or the map names another
+ * picture that has not arrived yet), else 0; show its age then.
+ * Errors: NULL_ARGUMENT. */
+QELMAPS_C_API qelmaps_error qelmaps_client_picture_is_stale(qelmaps_client *client, int *stale);
+
 /* ------------------------------------------------------------------------ */
 /* Status: why the map is or is not live                                    */
 /* ------------------------------------------------------------------------ */
@@ -481,6 +505,10 @@ QELMAPS_C_API size_t qelmaps_picture_height(const qelmaps_picture *picture);
 
 /* Bytes from one row to the next (at least width * 4); 0 for NULL. */
 QELMAPS_C_API size_t qelmaps_picture_stride(const qelmaps_picture *picture);
+
+/* When the picture was received, as a Unix time in milliseconds (from an
+ * earlier run: when that run received it); 0 for NULL. */
+QELMAPS_C_API int64_t qelmaps_picture_received_at_ms(const qelmaps_picture *picture);
 
 /* The pixels: `height` rows of `stride` bytes, each pixel 4 bytes R, G, B, A
  * (straight alpha). Valid while the caller holds a reference. NULL for

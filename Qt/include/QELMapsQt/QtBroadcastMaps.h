@@ -32,6 +32,9 @@ namespace qel {
 class QtBroadcastMaps : public QObject {
   Q_OBJECT
   Q_PROPERTY(QImage image READ image NOTIFY imageChanged)
+  Q_PROPERTY(QImage lastImage READ lastImage NOTIFY lastImageChanged)
+  Q_PROPERTY(QDateTime lastImageReceivedAt READ lastImageReceivedAt NOTIFY lastImageChanged)
+  Q_PROPERTY(bool stale READ isStale NOTIFY staleChanged)
   Q_PROPERTY(QList<QSize> resolutions READ resolutions NOTIFY resolutionsChanged)
   Q_PROPERTY(QSize resolution READ resolution WRITE setResolution NOTIFY resolutionChanged)
   Q_PROPERTY(bool receiving READ isReceiving NOTIFY receivingChanged)
@@ -53,8 +56,16 @@ class QtBroadcastMaps : public QObject {
   // False when the service could not be made (another one is alive).
   bool isValid() const { return host_ != nullptr; }
 
-  // The latest map picture, null when there is none.
+  // The service's current map picture, null when there is none (it empties
+  // when the map data goes).
   QImage image() const { return image_; }
+  // The last picture shown, kept through outages (and from the cache
+  // directory across runs): what a map screen shows, with its age when
+  // stale. Null when there never was one.
+  QImage lastImage() const { return lastImage_; }
+  QDateTime lastImageReceivedAt() const;
+  // The last picture is not that of the current live map.
+  bool isStale() const { return snapshot_->lastPicture.stale; }
   // The picture sizes the server offers, in its order; empty: no map data.
   QList<QSize> resolutions() const;
   // The chosen size; invalid when none is chosen (the first listed is shown).
@@ -84,6 +95,8 @@ class QtBroadcastMaps : public QObject {
 
  signals:
   void imageChanged(const QImage& image);
+  void lastImageChanged(const QImage& image);
+  void staleChanged(bool stale);
   void resolutionsChanged(const QList<QSize>& resolutions);
   void resolutionChanged(QSize resolution);
   void receivingChanged(bool receiving);
@@ -98,6 +111,7 @@ class QtBroadcastMaps : public QObject {
 
   QELBroadcastMapsHost::Snapshot snapshot_;
   QImage image_;
+  QImage lastImage_;
   // Last: destroyed first, so no delivery is made to a half-destroyed object.
   std::unique_ptr<QELBroadcastMapsHost> host_;
 };
