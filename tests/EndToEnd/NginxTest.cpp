@@ -14,6 +14,7 @@
 #include <qel/RunLoop.h>
 #include <qel/core/QELHostname.h>
 #include <qel/core/QELRequest.h>
+#include <qel/core/ResponseCache.h>
 #include <qel/core/net/HttpsRequestTransport.h>
 
 #include <gtest/gtest.h>
@@ -26,6 +27,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -65,7 +67,7 @@ class NginxTest : public ::testing::Test {
         << "error_log " << (prefix_ / "error.log").string() << " warn;\npid nginx.pid;\n"
         << "events { worker_connections 64; }\nhttp {\n"
         << "default_type application/json; types { image/png png; }\n"
-        << "log_format test '$server_port $server_protocol $request_uri $status $connection';\n"
+        << "log_format test '$server_port $server_protocol $request_uri $status $connection $body_bytes_sent';\n"
         << "access_log " << (prefix_ / "access.log").string() << " test;\n"
         << "client_body_temp_path tmp; proxy_temp_path tmp; fastcgi_temp_path tmp; uwsgi_temp_path tmp; "
            "scgi_temp_path tmp;\n"
@@ -146,6 +148,70 @@ TEST_F(NginxTest, MapDataAndPicturesComeFromFilesOverHttp2) {
     EXPECT_NE(log.find(std::to_string(port_) + " HTTP/2.0 " + uri), std::string::npos) << log;
 }
 
+// Answers held in memory, as the host's disk cache holds them.
+class HeldAnswers : public core::ResponseCache {
+ public:
+  std::map<std::string, std::pair<core::Validators, Data>> held;
+  std::optional<core::Validators> validatorsFor(const std::string& url) override {
+    const auto found = held.find(url);
+    return found == held.end() ? std::nullopt : std::optional(found->second.first);
+  }
+  std::optional<Data> bodyFor(const std::string& url) override {
+    const auto found = held.find(url);
+    return found == held.end() ? std::nullopt : std::optional(found->second.second);
+  }
+};
+
+// nginx answers conditional requests by itself: a picture held with its
+// validators is confirmed with a 304 and no body, and the held bytes are the
+// answer; a changed file is sent whole again.
+TEST_F(NginxTest, AHeldPictureIsRevalidatedWithoutItsBytesCrossing) {
+  publish(1);
+  core::net::HttpsRequestTransport transport;
+  std::vector<core::TransportResult> answers;
+  const auto fetch = [&] {
+    transport.start(*core::QELImageDownloadRequest::initWithImageURL("/maps/1.png", {}),
+                    [&answers](core::TransportResult result) { answers.push_back(std::move(result)); });
+    return loop().runUntil([&] { return !answers.empty(); }, 10s);
+  };
+  ASSERT_TRUE(fetch());
+  const auto first = std::move(answers.back());
+  answers.clear();
+  ASSERT_FALSE(first.error);
+  EXPECT_FALSE(first.notModified);
+  ASSERT_FALSE(first.validators.etag.empty());
+  ASSERT_FALSE(first.validators.lastModified.empty());
+
+  auto cache = std::make_shared<HeldAnswers>();
+  cache->held["/maps/1.png"] = {first.validators, first.data};
+  core::ResponseCache::setCurrent(cache);
+  ASSERT_TRUE(fetch());
+  EXPECT_TRUE(answers.back().notModified);
+  EXPECT_EQ(answers.back().data, first.data);
+  answers.clear();
+
+  // Another picture under the same name: sent whole, with new validators.
+  cabinsim::MapScene scene;
+  scene.sequence = 7;
+  std::ofstream(prefix_ / "www/maps/1.png", std::ios::binary) << renderer_.renderPng(scene, 400, 300);
+  fs::last_write_time(prefix_ / "www/maps/1.png", fs::file_time_type::clock::now() + 10s);
+  ASSERT_TRUE(fetch());
+  core::ResponseCache::setCurrent(nullptr);
+  EXPECT_FALSE(answers.back().notModified);
+  EXPECT_NE(answers.back().data, first.data);
+  EXPECT_NE(answers.back().validators, first.validators);
+
+  std::istringstream log(readAll(prefix_ / "access.log"));
+  std::vector<std::string> statuses;
+  for (std::string line; std::getline(log, line);) {
+    std::istringstream fields(line);
+    std::string port, protocol, uri, status, connection, bytes;
+    fields >> port >> protocol >> uri >> status >> connection >> bytes;
+    if (uri == "/maps/1.png") statuses.push_back(status + " " + (bytes == "0" ? "no body" : "body"));
+  }
+  EXPECT_EQ(statuses, (std::vector<std::string>{"200 body", "304 no body", "200 body"}));
+}
+
 TEST_F(NginxTest, ACancelledHttp2DownloadResetsItsStreamAndKeepsTheConnection) {
   publish(1);
   std::ofstream(prefix_ / "www/slow/big.png") << std::string(1 << 20, 'x');  // 32 s at nginx's rate
@@ -181,7 +247,8 @@ TEST_F(NginxTest, ACancelledHttp2DownloadResetsItsStreamAndKeepsTheConnection) {
       << "the slow download was not ended";
   std::istringstream log(readAll(prefix_ / "access.log"));
   std::set<std::string> connections;
-  for (std::string port, protocol, uri, status, connection; log >> port >> protocol >> uri >> status >> connection;)
+  for (std::string port, protocol, uri, status, connection, bytes;
+       log >> port >> protocol >> uri >> status >> connection >> bytes;)
     connections.insert(connection);
   EXPECT_EQ(connections.size(), 1u) << readAll(prefix_ / "access.log");
 }
