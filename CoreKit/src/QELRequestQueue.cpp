@@ -26,6 +26,7 @@ struct Entry {
 
   std::shared_ptr<QELRequest> request;
   Phase phase = Phase::Waiting;
+  RunLoop::TimePoint added{};  // when it entered the queue
   int failures = 0;           // failed attempts so far
   std::uint64_t attempt = 0;  // identifies the attempt in flight
   bool starting = false;      // inside transport->start()
@@ -89,6 +90,7 @@ void QELRequestQueue::State::add(const std::shared_ptr<QELRequest>& request) {
     return;
   }
   auto entry = std::make_shared<Entry>(request);
+  entry->added = loop->now();
   std::weak_ptr<State> weakState = weak_from_this();
   std::weak_ptr<Entry> weakEntry = entry;
   request->setCancelHandler([weakState, weakEntry] {
@@ -166,15 +168,21 @@ void QELRequestQueue::State::attemptDidComplete(const std::shared_ptr<Entry>& en
   const TransportChannel channel = channelOf(*entry->request);
   auto& monitor = TransportMonitor::current();
 
-  if (!result.error) {
-    monitor.didSucceed(channel, {entry->request->requestURL().value_or(""), &result.data, result.validators,
-                                 result.notModified});
-  }
+  // Where the time went, from the moment the request was queued.
+  if (!result.timing) result.timing.emplace().started = loop->now();
+  result.timing->queued = entry->added;
+  const std::string url = entry->request->requestURL().value_or("");
+  if (!result.error) monitor.didSucceed(channel, {url, &result.data, result.validators, result.notModified, result.timing});
+  const auto failure = [&] {
+    auto described = transportFailure(*result.error, channel);
+    described.url = url;
+    described.timing = result.timing;
+    return described;
+  };
   if (result.error && entry->failures < entry->request->numberOfRetries()) {
     ++entry->failures;
     const auto delay = retryDelay(entry->failures, result.retryAfter, random);
-    monitor.didFail(channel, transportFailure(*result.error, channel),
-                    loop->now() + delay);
+    monitor.didFail(channel, failure(), loop->now() + delay);
     QELLogging::log("Attempt %d for %s failed (%s); retrying in %d ms.", 4, kDomain, entry->failures,
                     entry->request->requestURL().value_or(""), result.error->localizedDescription,
                     static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(delay).count()));
@@ -183,7 +191,7 @@ void QELRequestQueue::State::attemptDidComplete(const std::shared_ptr<Entry>& en
         loop->schedule(delay, [self = shared_from_this(), entry] { self->retry(entry); });
     return;
   }
-  if (result.error) monitor.didFail(channel, transportFailure(*result.error, channel));
+  if (result.error) monitor.didFail(channel, failure());
   complete(entry, std::move(result));
 }
 

@@ -116,6 +116,14 @@ void TransportMonitor::didSucceed(TransportChannel channel, const TransportAnswe
   notify([&](TransportObserver& observer) { observer.transportDidSucceed(channel, answer); });
 }
 
+void TransportMonitor::didReceiveEvent() {
+  notify([](TransportObserver& observer) { observer.transportDidReceiveEvent(); });
+}
+
+void TransportMonitor::didMeasureRoundTrip(std::chrono::steady_clock::duration roundTrip) {
+  notify([&](TransportObserver& observer) { observer.transportDidMeasureRoundTrip(roundTrip); });
+}
+
 void TransportMonitor::didFail(TransportChannel channel, const TransportFailure& failure,
                                std::optional<TransportObserver::Clock::time_point> nextAttempt) {
   notify([&](TransportObserver& observer) { observer.transportDidFail(channel, failure, nextAttempt); });

@@ -28,8 +28,9 @@ std::unique_ptr<QELBroadcastMapsHost> QELBroadcastMapsHost::create(Options optio
   }
   auto boundary =
       std::make_shared<internal::QELBroadcastMapsHostBoundary>(std::move(options.executor), std::move(options.handler));
-  auto thread = std::make_unique<internal::QELBroadcastMapsHostThread>(boundary, std::move(options.configuration),
-                                                                       std::move(options.cacheDirectory));
+  auto thread = std::make_unique<internal::QELBroadcastMapsHostThread>(
+      boundary, std::move(options.configuration), std::move(options.cacheDirectory), std::move(options.listener),
+      options.statsInterval);
   if (!thread->isReady()) {
     hostAlive.store(false);
     return nullptr;
@@ -65,6 +66,14 @@ void QELBroadcastMapsHost::clearCurrentResolution() {
 }
 
 QELBroadcastMapsHost::Snapshot QELBroadcastMapsHost::snapshot() const { return boundary_->snapshot(); }
+
+std::shared_ptr<const QELBroadcastMapsStats> QELBroadcastMapsHost::stats() const {
+  // The age as of now, not as of when the counters last changed.
+  auto stats = std::make_shared<QELBroadcastMapsStats>(*boundary_->stats());
+  const auto& last = boundary_->snapshot()->lastPicture;
+  if (last.image) stats->pictureAge = std::chrono::duration<double>(last.age()).count();
+  return stats;
+}
 
 std::string_view QELBroadcastMapsHost::notificationName(QELBroadcastMapsHostEvent event) {
   switch (event) {

@@ -27,6 +27,29 @@ QELBroadcastMapsHost::Snapshot QELBroadcastMapsHostBoundary::snapshot() const {
   return snapshot_;
 }
 
+void QELBroadcastMapsHostBoundary::publishStats(std::shared_ptr<const QELBroadcastMapsStats> stats) {
+  std::lock_guard lock(snapshotMutex_);
+  stats_ = std::move(stats);
+}
+
+std::shared_ptr<const QELBroadcastMapsStats> QELBroadcastMapsHostBoundary::stats() const {
+  std::lock_guard lock(snapshotMutex_);
+  return stats_ ? stats_ : std::make_shared<const QELBroadcastMapsStats>();
+}
+
+void QELBroadcastMapsHostBoundary::deliverCall(std::function<void()> call) {
+  if (!open_.load()) return;
+  auto run = [self = shared_from_this(), call = std::move(call)] {
+    std::lock_guard lock(self->deliveryMutex_);
+    if (self->open_.load()) call();
+  };
+  if (executor_) {
+    executor_(std::move(run));
+  } else {
+    run();
+  }
+}
+
 void QELBroadcastMapsHostBoundary::close() {
   std::lock_guard lock(deliveryMutex_);
   open_.store(false);

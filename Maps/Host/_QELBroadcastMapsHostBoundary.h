@@ -1,6 +1,9 @@
 #pragma once
 
 #include <QELMaps/QELBroadcastMapsHost.h>
+#include <QELMaps/QELBroadcastMapsTrace.h>
+
+#include <functional>
 
 #include <atomic>
 #include <memory>
@@ -40,6 +43,13 @@ class QELBroadcastMapsHostBoundary : public std::enable_shared_from_this<QELBroa
   void publish(Snapshot snapshot, std::optional<QELBroadcastMapsHostEvent> event);
   Snapshot snapshot() const;
 
+  // The latest stats, published by the loop thread, read from any.
+  void publishStats(std::shared_ptr<const QELBroadcastMapsStats> stats);
+  std::shared_ptr<const QELBroadcastMapsStats> stats() const;
+  // Runs `call` as a delivery: through the executor (or here, without
+  // one), and not at all once closed.
+  void deliverCall(std::function<void()> call);
+
   // No call of the handler starts after this; one running on another thread
   // has ended when this returns.
   void close();
@@ -52,6 +62,7 @@ class QELBroadcastMapsHostBoundary : public std::enable_shared_from_this<QELBroa
 
   mutable std::mutex snapshotMutex_;
   Snapshot snapshot_;  // guarded by snapshotMutex_
+  std::shared_ptr<const QELBroadcastMapsStats> stats_;  // guarded by snapshotMutex_
 
   std::recursive_mutex deliveryMutex_;
   // Written under deliveryMutex_; read without it only to skip work that

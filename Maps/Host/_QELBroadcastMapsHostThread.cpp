@@ -46,8 +46,10 @@ bool sameState(const QELBroadcastMapsSnapshot& a, const QELBroadcastMapsSnapshot
 
 QELBroadcastMapsHostThread::QELBroadcastMapsHostThread(std::shared_ptr<QELBroadcastMapsHostBoundary> boundary,
                                                        std::optional<core::QELConfiguration> configuration,
-                                                       std::optional<std::filesystem::path> cacheDirectory)
-    : boundary_(std::move(boundary)) {
+                                                       std::optional<std::filesystem::path> cacheDirectory,
+                                                       std::shared_ptr<QELBroadcastMapsHostListener> listener,
+                                                       std::chrono::milliseconds statsInterval)
+    : boundary_(std::move(boundary)), listener_(std::move(listener)), statsInterval_(statsInterval) {
   std::promise<void> started;
   auto ready = started.get_future();
   thread_ = std::thread([this, configuration = std::move(configuration), cacheDirectory = std::move(cacheDirectory),
@@ -69,6 +71,9 @@ QELBroadcastMapsHostThread::~QELBroadcastMapsHostThread() {
     NotificationCenter::defaultCenter().removeObserver(observer_.get());
     core::TransportMonitor::current().removeObserver(status_.get());
     status_.reset();
+    core::TransportMonitor::current().removeObserver(stats_.get());
+    stats_.reset();
+    if (statsTimer_) statsTimer_->cancel();
     if (cache_) {
       core::TransportMonitor::current().removeObserver(cache_.get());
       core::ResponseCache::setCurrent(nullptr);
@@ -108,6 +113,7 @@ void QELBroadcastMapsHostThread::run(std::optional<core::QELConfiguration> confi
   status_ = std::make_shared<QELBroadcastMapsHostStatus>(service_, [this] { publish(std::nullopt); });
   core::TransportMonitor::current().addObserver(status_);
   openCache(std::move(cacheDirectory));
+  startStats();
   observer_ = std::make_shared<Observer>();
   NotificationCenter::defaultCenter().addObserver(
       observer_, [this](const Notification& notification) { notificationReceived(notification); }, {}, service_);
@@ -128,6 +134,7 @@ void QELBroadcastMapsHostThread::notificationReceived(const Notification& notifi
   const bool statusChanged = snapshot.status != published_->status;
   published_ = std::make_shared<const QELBroadcastMapsSnapshot>(std::move(snapshot));
   boundary_->publish(published_, event);
+  if (stats_) stats_->published(*published_);
   if (statusChanged) announceStatus();
 }
 
@@ -145,6 +152,7 @@ void QELBroadcastMapsHostThread::publish(std::optional<QELBroadcastMapsHostEvent
   // own event after it.
   if (!stateChanged) return boundary_->publish(published_, QELBroadcastMapsHostEvent::StatusDidChange);
   boundary_->publish(published_, event.value_or(QELBroadcastMapsHostEvent::StateDidChange));
+  if (stats_) stats_->published(*published_);
   if (statusChanged) announceStatus();
 }
 
@@ -179,6 +187,31 @@ void QELBroadcastMapsHostThread::openCache(std::optional<std::filesystem::path> 
   core::TransportMonitor::current().addObserver(cache_);
   // Before the first snapshot: the application's first look finds the map.
   if (auto entry = cache_->newest()) lastPicture_.restore(entry->image, entry->source, entry->receivedAt);
+}
+
+void QELBroadcastMapsHostThread::startStats() {
+  std::function<void(const QELBroadcastMapsTrace&)> traced;
+  if (listener_) {
+    traced = [this](const QELBroadcastMapsTrace& trace) {
+      boundary_->deliverCall([listener = listener_, trace] { listener->pictureTraced(trace); });
+    };
+  }
+  stats_ = std::make_shared<QELBroadcastMapsHostStats>(service_, std::move(traced), [this] { publishStats(); });
+  core::TransportMonitor::current().addObserver(stats_);
+  if (listener_ && statsInterval_ > std::chrono::milliseconds::zero()) {
+    statsTimer_ = loop_->schedule(statsInterval_, [this] { reportStats(); });
+  }
+}
+
+void QELBroadcastMapsHostThread::publishStats() {
+  if (!stats_ || !published_) return;
+  boundary_->publishStats(std::make_shared<const QELBroadcastMapsStats>(stats_->stats(*published_)));
+}
+
+void QELBroadcastMapsHostThread::reportStats() {
+  publishStats();
+  boundary_->deliverCall([listener = listener_, stats = boundary_->stats()] { listener->statsReported(*stats); });
+  statsTimer_ = loop_->schedule(statsInterval_, [this] { reportStats(); });
 }
 
 void QELBroadcastMapsHostThread::restoreChosenSize() {

@@ -3,6 +3,7 @@
 #include "Host/_QELBroadcastMapsHostBoundary.h"
 #include "Host/_QELBroadcastMapsHostCache.h"
 #include "Host/_QELBroadcastMapsHostLastPicture.h"
+#include "Host/_QELBroadcastMapsHostStats.h"
 #include "Host/_QELBroadcastMapsHostStatus.h"
 
 #include <QELMaps/QELBroadcastMapsV1.h>
@@ -38,7 +39,9 @@ class QELBroadcastMapsHostThread {
  public:
   QELBroadcastMapsHostThread(std::shared_ptr<QELBroadcastMapsHostBoundary> boundary,
                              std::optional<core::QELConfiguration> configuration,
-                             std::optional<std::filesystem::path> cacheDirectory);
+                             std::optional<std::filesystem::path> cacheDirectory,
+                             std::shared_ptr<QELBroadcastMapsHostListener> listener = nullptr,
+                             std::chrono::milliseconds statsInterval = std::chrono::milliseconds::zero());
   QELBroadcastMapsHostThread(const QELBroadcastMapsHostThread&) = delete;
   QELBroadcastMapsHostThread& operator=(const QELBroadcastMapsHostThread&) = delete;
   ~QELBroadcastMapsHostThread();
@@ -55,6 +58,9 @@ class QELBroadcastMapsHostThread {
   void run(std::optional<core::QELConfiguration> configuration, std::optional<std::filesystem::path> cacheDirectory,
            std::function<void()> ready);
   void openCache(std::optional<std::filesystem::path> directory);
+  void startStats();
+  void publishStats();
+  void reportStats();
   // A cached picture of the size the application chose, while nothing newer
   // has arrived.
   void restoreChosenSize();
@@ -71,6 +77,10 @@ class QELBroadcastMapsHostThread {
   std::shared_ptr<Object> observer_;
   std::shared_ptr<QELBroadcastMapsHostStatus> status_;
   std::shared_ptr<QELBroadcastMapsHostCache> cache_;
+  std::shared_ptr<QELBroadcastMapsHostStats> stats_;
+  const std::shared_ptr<QELBroadcastMapsHostListener> listener_;
+  const std::chrono::milliseconds statsInterval_;
+  std::shared_ptr<ScheduledCall> statsTimer_;
   QELBroadcastMapsHostLastPicture lastPicture_;
   std::shared_ptr<const QELBroadcastMapsSnapshot> published_;
   std::unique_ptr<ThreadChecker> threadChecker_;

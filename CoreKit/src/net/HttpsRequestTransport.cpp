@@ -67,6 +67,7 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
              const QELConfiguration& configuration, std::optional<std::string> trust, std::string* why) {
     options_ = options;
     trust_ = std::move(trust);
+    timing_.started = std::chrono::steady_clock::now();
     if (Resolver::addressLiteral(endpoint_.host)) return launch(why);
     // A name is looked up here, on the loop, with the configured host table
     // and name servers, and its addresses are handed to curl one at a time:
@@ -85,6 +86,7 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
 
   void onResolved(const std::string& error, const Resolver::Endpoints& endpoints) {
     if (!completion_) return;
+    timing_.nameLookupDone = std::chrono::steady_clock::now();
     if (!error.empty()) return fail(networkError(NetworkErrorCode::Resolve, error));
     const std::string prefix = endpoint_.host + ":" + std::to_string(endpoint_.port) + ":";
     for (const auto& endpoint : endpoints) {
@@ -311,6 +313,7 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
 
   void onDone(CURLcode result) {
     if (!completion_) return;
+    readTiming();
     if (result != CURLE_OK) {
       curl_off_t connected = 0;
       curl_easy_getinfo(easy_, CURLINFO_CONNECT_TIME_T, &connected);
@@ -446,7 +449,37 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     finish(TransportResult{std::move(error), {}, retryAfter});
   }
 
+  // libcurl's timers of the last transfer (microseconds from its start),
+  // placed on the steady clock.
+  void readTiming() {
+    if (!easy_) return;
+    const auto at = [&](CURLINFO info) -> std::optional<std::chrono::steady_clock::time_point> {
+      curl_off_t microseconds = 0;
+      if (curl_easy_getinfo(easy_, info, &microseconds) != CURLE_OK || microseconds <= 0) return std::nullopt;
+      return attemptStarted_ + std::chrono::microseconds(microseconds);
+    };
+    long connects = 0;
+    curl_easy_getinfo(easy_, CURLINFO_NUM_CONNECTS, &connects);
+    timing_.connectionReused = connects == 0;
+    // A kept connection was ready when the transfer began.
+    timing_.connected = timing_.connectionReused ? std::optional(attemptStarted_) : at(CURLINFO_CONNECT_TIME_T);
+    timing_.tlsDone = timing_.connectionReused ? std::optional(attemptStarted_) : at(CURLINFO_APPCONNECT_TIME_T);
+    timing_.firstByte = at(CURLINFO_STARTTRANSFER_TIME_T);
+    timing_.done = at(CURLINFO_TOTAL_TIME_T);
+    curl_off_t bytes = 0;
+    curl_easy_getinfo(easy_, CURLINFO_SIZE_DOWNLOAD_T, &bytes);
+    timing_.bytesReceived = static_cast<std::uint64_t>(std::max<curl_off_t>(0, bytes));
+    long version = 0;
+    curl_easy_getinfo(easy_, CURLINFO_HTTP_VERSION, &version);
+    timing_.httpVersion = version == CURL_HTTP_VERSION_2_0 ? "2"
+                          : version == CURL_HTTP_VERSION_1_1 ? "1.1"
+                          : version == CURL_HTTP_VERSION_1_0 ? "1.0"
+                                                             : "";
+    if (!timing_.nameLookupDone) timing_.nameLookupDone = timing_.started;
+  }
+
   void finish(TransportResult result) {
+    result.timing = timing_;
     auto completion = std::move(completion_);
     completion_ = nullptr;
     if (completion) completion(std::move(result));
@@ -473,6 +506,7 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
   Validators held_;
   Validators validators_;  // of the answer arriving
   Data body_;
+  TransportTiming timing_;
   bool tooLarge_ = false;
   std::string unaskedCoding_;  // the header that ended the transfer, if one did
   std::chrono::milliseconds inactivityTimeout_{};

@@ -20,6 +20,7 @@
 #include <boost/json/parse.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <random>
 #include <sstream>
@@ -104,6 +105,7 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
         resolver_(ioContext, std::move(resolverOptions)),
         resolveTimer_(ioContext),
         staggerTimer_(ioContext),
+        pingTimer_(ioContext),
         ws_(ioContext, *tlsContext_) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -124,6 +126,9 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   void onTlsHandshake(const beast::error_code& error);
   void onHandshake(const beast::error_code& error);
   void readMore();
+  // Pings now and then; the pong's delay is the round trip.
+  void schedulePing();
+  void onPingTimer(const beast::error_code& error);
   void onRead(const beast::error_code& error, std::size_t bytes);
   void handleMessage();
   // Logs `why` and reports the failure, with `message` for people when the
@@ -139,6 +144,7 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   // Bounds the lookup, then the whole connect race.
   asio::steady_timer resolveTimer_;
   asio::steady_timer staggerTimer_;
+  asio::steady_timer pingTimer_;
   Resolver::Endpoints endpoints_;
   std::vector<std::unique_ptr<tcp::socket>> attempts_;
   std::size_t nextAttempt_ = 0;
@@ -272,6 +278,8 @@ void WebSocketEventTransport::Channel::sessionEnded(const Session* session, bool
 void WebSocketEventTransport::Channel::sessionReceived(const Session* session, std::shared_ptr<QELEvent> event) {
   if (!isCurrent(session)) return;
   auto self = shared_from_this();
+  TransportMonitor::current().didReceiveEvent();
+  if (!isCurrent(session)) return;
   manager_->transportDidReceiveEvent(event);
 }
 
@@ -288,6 +296,7 @@ void WebSocketEventTransport::Session::close() {
   ended_ = true;
   resolver_.cancel();
   resolveTimer_.cancel();
+  pingTimer_.cancel();
   closeAttempts();
   if (connected_) {
     // Say goodbye properly; the close has its own timeout, and the read
@@ -445,7 +454,32 @@ void WebSocketEventTransport::Session::onHandshake(const beast::error_code& erro
   connected_ = true;
   QELLogging::log("Event channel to %s connected", 4, kDomain, target_.url());
   if (auto channel = channel_.lock()) channel->sessionConnected(this);
-  if (!ended_) readMore();
+  if (ended_) return;
+  // Our own pings carry the time they were sent; the server's pongs echo it.
+  ws_.control_callback([](websocket::frame_type kind, beast::string_view payload) {
+    if (kind != websocket::frame_type::pong || payload.empty()) return;
+    Clock::rep sent = 0;
+    const auto [end, error] = std::from_chars(payload.data(), payload.data() + payload.size(), sent);
+    if (error != std::errc() || end != payload.data() + payload.size()) return;
+    const auto roundTrip = Clock::now() - Clock::time_point(Clock::duration(sent));
+    if (roundTrip >= Clock::duration::zero()) TransportMonitor::current().didMeasureRoundTrip(roundTrip);
+  });
+  schedulePing();
+  readMore();
+}
+
+void WebSocketEventTransport::Session::schedulePing() {
+  if (options_.roundTripInterval <= Clock::duration::zero()) return;
+  pingTimer_.expires_after(options_.roundTripInterval);
+  pingTimer_.async_wait(beast::bind_front_handler(&Session::onPingTimer, shared_from_this()));
+}
+
+void WebSocketEventTransport::Session::onPingTimer(const beast::error_code& error) {
+  if (error || ended_) return;
+  const std::string sent = std::to_string(Clock::now().time_since_epoch().count());
+  ws_.async_ping(websocket::ping_data(sent.c_str()), [self = shared_from_this()](const beast::error_code& failed) {
+    if (!failed && !self->ended_) self->schedulePing();
+  });
 }
 
 void WebSocketEventTransport::Session::readMore() {
@@ -523,6 +557,7 @@ void WebSocketEventTransport::Session::end(FailureKind kind, const std::string& 
   ended_ = true;
   QELLogging::log("Event channel to %s %s: %s", 2, kDomain, target_.url(), connected_ ? "lost" : "failed", why);
   resolveTimer_.cancel();
+  pingTimer_.cancel();
   closeAttempts();
   tcp().close();
   if (message.empty()) message = why;

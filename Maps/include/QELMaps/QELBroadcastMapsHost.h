@@ -1,11 +1,13 @@
 #pragma once
 
 #include <QELMaps/QELBroadcastMapsSnapshot.h>
+#include <QELMaps/QELBroadcastMapsTrace.h>
 
 #include <qel/Export.h>
 #include <qel/Geometry.h>
 #include <qel/core/QELHostname.h>
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -105,6 +107,10 @@ class QEL_EXPORT QELBroadcastMapsHost {
     // true age, as soon as the host is made, and revalidated with the
     // server instead of downloaded again.
     std::optional<std::filesystem::path> cacheDirectory = std::nullopt;
+    // Told of every picture's trace and, every statsInterval (zero: never),
+    // of the stats; through the executor, like the handler.
+    std::shared_ptr<QELBroadcastMapsHostListener> listener = nullptr;
+    std::chrono::milliseconds statsInterval = std::chrono::milliseconds::zero();
   };
 
   // Starts the thread and makes the service there; returns once it is ready.
@@ -123,6 +129,9 @@ class QEL_EXPORT QELBroadcastMapsHost {
 
   // The latest published snapshot; never empty.
   Snapshot snapshot() const;
+  // The counters since the host was made (stats->json() for the document);
+  // never empty.
+  std::shared_ptr<const QELBroadcastMapsStats> stats() const;
 
   // The name of the service's notification that `event` stands for; empty
   // for StateDidChange and StatusDidChange.

@@ -6,11 +6,26 @@
 #include <qel/Data.h>
 
 #include <chrono>
+#include <cstdint>
+#include <string>
 #include <functional>
 #include <memory>
 #include <optional>
 
 namespace qel::core {
+
+// Where one attempt's time went, on the steady clock. The phases of the
+// transfer are libcurl's own timers; the lookup is the resolver's, which
+// runs before libcurl is given the addresses. A phase not reached is empty.
+struct TransportTiming {
+  using TimePoint = std::chrono::steady_clock::time_point;
+  std::optional<TimePoint> queued;  // the request entered its queue
+  TimePoint started{};              // the attempt began
+  std::optional<TimePoint> nameLookupDone, connected, tlsDone, firstByte, done;
+  std::uint64_t bytesReceived = 0;
+  std::string httpVersion;  // "1.1", "2"; empty when no answer came
+  bool connectionReused = false;
+};
 
 // The outcome of one attempt: bytes, or an error.
 struct TransportResult {
@@ -24,6 +39,8 @@ struct TransportResult {
   // The server said the held answer is current ("304 Not Modified"): `data`
   // is the body the ResponseCache held.
   bool notModified = false;
+  // Where the time went, when the transport can tell.
+  std::optional<TransportTiming> timing = std::nullopt;
 };
 
 // One attempt in flight; cancel() makes sure its completion never runs.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "qel/core/RequestTransport.h"
 #include "qel/core/ResponseCache.h"
 
 #include <qel/Data.h>
@@ -63,6 +64,9 @@ struct TransportFailure {
   // For people: what went wrong, with the details that help (the verifier's
   // reason, the server's close reason). Server text in it is escaped.
   std::string message;
+  // The request's URL, for a request; where its time went, when known.
+  std::string url = {};
+  std::optional<TransportTiming> timing = std::nullopt;
 };
 
 // An answer that reached the requester.
@@ -74,6 +78,7 @@ struct TransportAnswer {
   const Data* body = nullptr;
   Validators validators;
   bool notModified = false;
+  std::optional<TransportTiming> timing;
 };
 
 // The failure a transport error stands for on `channel`.
@@ -88,6 +93,10 @@ class TransportObserver {
   virtual void transportWillConnect(TransportChannel /*channel*/) {}
   // The channel works: the event channel is open, or a request was answered.
   virtual void transportDidSucceed(TransportChannel /*channel*/, const TransportAnswer& /*answer*/) {}
+  // An event arrived on the event channel.
+  virtual void transportDidReceiveEvent() {}
+  // A ping on the event channel was answered after `roundTrip`.
+  virtual void transportDidMeasureRoundTrip(std::chrono::steady_clock::duration /*roundTrip*/) {}
   // An attempt failed; `nextAttempt` is when the transport tries again by
   // itself, if it does.
   virtual void transportDidFail(TransportChannel /*channel*/, const TransportFailure& /*failure*/,
@@ -104,6 +113,8 @@ class TransportMonitor {
 
   void willConnect(TransportChannel channel);
   void didSucceed(TransportChannel channel, const TransportAnswer& answer = {});
+  void didReceiveEvent();
+  void didMeasureRoundTrip(std::chrono::steady_clock::duration roundTrip);
   void didFail(TransportChannel channel, const TransportFailure& failure,
                std::optional<TransportObserver::Clock::time_point> nextAttempt = std::nullopt);
 

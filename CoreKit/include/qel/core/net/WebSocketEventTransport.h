@@ -52,6 +52,7 @@ class WebSocketEventTransport : public EventTransport {
   static constexpr std::chrono::seconds kMaximumBackoff{30};
   static constexpr std::chrono::seconds kHealthyAfter{60};
   static constexpr std::size_t kMaximumFrameSize = 1024 * 1024;
+  static constexpr std::chrono::seconds kRoundTripInterval{15};
 
   struct Options {
     // Bounds resolving, connecting and each of the TLS and WebSocket handshakes.
@@ -67,6 +68,9 @@ class WebSocketEventTransport : public EventTransport {
     std::chrono::steady_clock::duration maximumBackoff = kMaximumBackoff;
     std::chrono::steady_clock::duration healthyAfter = kHealthyAfter;
     std::size_t maximumFrameSize = kMaximumFrameSize;
+    // How often an open channel is pinged to measure the round trip (the
+    // TransportMonitor hears of each); zero: never.
+    std::chrono::steady_clock::duration roundTripInterval = kRoundTripInterval;
     // Used instead of QELConfiguration::current() when set.
     std::optional<QELConfiguration> configuration;
   };
