@@ -1,12 +1,12 @@
 // The shared map data controller's class API (owners, the shared instance
-// and queue) and the map data request's URL. The record it keeps, from REST
-// answers, pushed updates, failures and malformed input, is checked against
-// the reference model (ModelTest.cpp), its log lines against the golden file.
+// and queue) and how service URLs are composed. The record it keeps, from
+// REST answers, pushed updates, failures and malformed input, is checked
+// against the reference model (ModelTest.cpp); its log lines, the service
+// URL's among them, against the golden file.
 
 #include "MapsTestSupport.h"
 
 #include "BroadcastMaps/Controller/_QELBroadcastMapsController.h"
-#include "BroadcastMaps/Requests/_QELBroadcastMapsRequest.h"
 #include "BroadcastMaps/Requests/_QELHostname.h"
 
 #include <qel/KeyValueObserving.h>
@@ -88,27 +88,9 @@ TEST_F(ControllerTest, SharedInstanceIsCountedByOwnersAndRenewedAfterTheLastFree
   again.reset();
   EXPECT_EQ(core::QELEventManager::defaultManager().targetCount(), 1u)
       << "teardown withdraws the subscriptions";
-  EXPECT_EQ(logged(5, "-[_QELBroadcastMapsController dealloc] called."), 1u);
 }
 
 using MapDataRequestTest = MapsTest;
-
-TEST_F(MapDataRequestTest, ComposesTheServiceURLAndDropsPredicates) {
-  auto request = core::QELRESTRequest::requestWithDelegate<internal::QELBroadcastMapsRequest>(nullptr);
-  EXPECT_EQ(request->numberOfRetries(), 3);
-  request->setPredicates(boost::json::value{{"since", 5}});
-  EXPECT_FALSE(request->predicates().has_value());
-
-  EXPECT_EQ(request->requestURL(), kFlightMapURL);
-  EXPECT_EQ(request->requestURL(), kFlightMapURL);
-  const auto lines = env_.logsContaining("Service url:");
-  ASSERT_EQ(lines.size(), 2u) << "every composition is logged";
-  EXPECT_EQ(lines[0].level, 5);
-  EXPECT_EQ(lines[0].domain, "_QELHostname.h");
-  EXPECT_EQ(lines[0].message,
-            "NSString *_QELGetURLWithHost(NSString *__strong, BOOL, NSString *__strong, NSString *__strong) "
-            "Service url: https://cabin.example/skelion/services/maps/v1/flight_map");
-}
 
 TEST_F(MapDataRequestTest, JoinsPathsWithTheSlashTheyLack) {
   const std::optional<std::string> host = "h";
