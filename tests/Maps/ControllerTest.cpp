@@ -1,114 +1,17 @@
-// The shared map data controller's class API (owners, the shared instance
-// and queue) and the map data request's URL. The record it keeps, from REST
-// answers, pushed updates, failures and malformed input, is checked against
-// the reference model (ModelTest.cpp), its log lines against the golden file.
+// How service URLs are composed. The shared map data controller (its owners,
+// the record it keeps from REST answers, pushed updates, failures and
+// malformed input, its request queue) is checked against the reference model
+// (ModelTest.cpp); its log lines, the service URL's among them, against the
+// golden file.
 
 #include "MapsTestSupport.h"
 
-#include "BroadcastMaps/Controller/_QELBroadcastMapsController.h"
-#include "BroadcastMaps/Requests/_QELBroadcastMapsRequest.h"
 #include "BroadcastMaps/Requests/_QELHostname.h"
-
-#include <qel/KeyValueObserving.h>
 
 namespace qel::testing {
 namespace {
 
-using internal::MapInfo;
-using internal::QELBroadcastMapsController;
-
-// Counts the controller's "mapInfo" assignments and keeps what was assigned.
-struct RecordObserver : Object, KeyValueObserver {
-  static std::shared_ptr<RecordObserver> attach(QELBroadcastMapsController& controller) {
-    auto observer = std::make_shared<RecordObserver>();
-    controller.addObserver(observer, "mapInfo", KeyValueObservingOptions::New, nullptr);
-    return observer;
-  }
-  void observeValueForKeyPath(const std::string& keyPath, const Object*, const KeyValueChange& change,
-                              void*) override {
-    ASSERT_EQ(keyPath, "mapInfo");
-    seen.push_back(std::any_cast<MapInfo>(change.newValue));
-  }
-  std::vector<MapInfo> seen;
-};
-
-class ControllerTest : public MapsTest {
- protected:
-  // Takes a share the way an engine does.
-  std::shared_ptr<QELBroadcastMapsController> ownController() {
-    auto controller = QELBroadcastMapsController::defaultController();
-    QELBroadcastMapsController::own();
-    return controller;
-  }
-  void TearDown() override {
-    while (QELBroadcastMapsController::ownersCount() > 0) QELBroadcastMapsController::free();
-    drain();  // what the test left queued ends here, not in the next test
-  }
-};
-
-TEST_F(ControllerTest, SharedInstanceIsCountedByOwnersAndRenewedAfterTheLastFree) {
-  QELBroadcastMapsController::own();  // counting alone creates nothing
-  EXPECT_EQ(QELBroadcastMapsController::ownersCount(), 1);
-  EXPECT_TRUE(requests().attempts().empty());
-  QELBroadcastMapsController::free();
-
-  auto first = ownController();
-  auto again = ownController();
-  EXPECT_EQ(first, again);
-  EXPECT_EQ(QELBroadcastMapsController::ownersCount(), 2);
-  drain();
-  ASSERT_EQ(requests().attempts().size(), 1u) << "one load per creation, not per owner";
-  EXPECT_EQ(requests().attempts()[0].url, kFlightMapURL);
-  const auto firstQueue = QELBroadcastMapsController::requestQueue();
-
-  QELBroadcastMapsController::free();
-  EXPECT_EQ(QELBroadcastMapsController::defaultController(), first) << "one owner is left";
-  QELBroadcastMapsController::free();
-  QELBroadcastMapsController::free();  // extra frees are ignored
-  EXPECT_EQ(QELBroadcastMapsController::ownersCount(), 0);
-
-  auto second = ownController();
-  EXPECT_NE(second, first);
-  EXPECT_NE(QELBroadcastMapsController::requestQueue(), firstQueue);
-  EXPECT_EQ(QELBroadcastMapsController::requestQueue()->maxConcurrentOperationCount(), 1);
-  drain();
-  EXPECT_EQ(requests().attempts().size(), 2u) << "the new controller loads again";
-
-  // Both still receive events until the old one is torn down.
-  auto oldObserver = RecordObserver::attach(*first);
-  auto newObserver = RecordObserver::attach(*second);
-  events().disconnect();
-  events().connect();
-  events().disconnect();
-  EXPECT_EQ(oldObserver->seen.size(), 1u);
-  EXPECT_EQ(newObserver->seen.size(), 1u);
-
-  EXPECT_EQ(core::QELEventManager::defaultManager().targetCount(), 2u);
-  first.reset();
-  again.reset();
-  EXPECT_EQ(core::QELEventManager::defaultManager().targetCount(), 1u)
-      << "teardown withdraws the subscriptions";
-  EXPECT_EQ(logged(5, "-[_QELBroadcastMapsController dealloc] called."), 1u);
-}
-
 using MapDataRequestTest = MapsTest;
-
-TEST_F(MapDataRequestTest, ComposesTheServiceURLAndDropsPredicates) {
-  auto request = core::QELRESTRequest::requestWithDelegate<internal::QELBroadcastMapsRequest>(nullptr);
-  EXPECT_EQ(request->numberOfRetries(), 3);
-  request->setPredicates(boost::json::value{{"since", 5}});
-  EXPECT_FALSE(request->predicates().has_value());
-
-  EXPECT_EQ(request->requestURL(), kFlightMapURL);
-  EXPECT_EQ(request->requestURL(), kFlightMapURL);
-  const auto lines = env_.logsContaining("Service url:");
-  ASSERT_EQ(lines.size(), 2u) << "every composition is logged";
-  EXPECT_EQ(lines[0].level, 5);
-  EXPECT_EQ(lines[0].domain, "_QELHostname.h");
-  EXPECT_EQ(lines[0].message,
-            "NSString *_QELGetURLWithHost(NSString *__strong, BOOL, NSString *__strong, NSString *__strong) "
-            "Service url: https://cabin.example/skelion/services/maps/v1/flight_map");
-}
 
 TEST_F(MapDataRequestTest, JoinsPathsWithTheSlashTheyLack) {
   const std::optional<std::string> host = "h";

@@ -326,17 +326,9 @@ class World {
   // A map data retry whose random wait may have ended: the driver saw that
   // it did.
   void restRetryFired() {
-    for (auto& [generation, queue] : restQueues_) {
-      for (auto& request : queue) {
-        if (request.retry && request.earliest <= now) {
-          request.retry.reset();
-          request.phase = RestRequest::Running;
-          openRest_.push_back(generation);
-          ++restAttempts;
-          return;
-        }
-      }
-    }
+    for (auto& [generation, queue] : restQueues_)
+      for (auto& request : queue)
+        if (request.retry && request.earliest <= now) return retryRest(generation, request);
   }
 
   // Fires every timer due within `ms`, earliest first.
@@ -364,14 +356,8 @@ class World {
         downloadImage(engine);
         if (!engines[engine].serviceAlive) destroyEngine(engine);
       } else {
-        for (auto& request : restQueues_[restGeneration]) {
-          if (request.retry && request.retry->sequence == next->sequence) {
-            request.retry.reset();
-            request.phase = RestRequest::Running;
-            openRest_.push_back(restGeneration);
-            ++restAttempts;
-          }
-        }
+        for (auto& request : restQueues_[restGeneration])
+          if (request.retry && request.retry->sequence == next->sequence) retryRest(restGeneration, request);
       }
       settle();
     }
@@ -547,6 +533,12 @@ class World {
   std::vector<int>::iterator pickRest(bool current) {
     return std::find_if(openRest_.begin(), openRest_.end(),
                         [&](int generation) { return (generation == controller) == current; });
+  }
+  void retryRest(int generation, RestRequest& request) {
+    request.retry.reset();
+    request.phase = RestRequest::Running;
+    openRest_.push_back(generation);
+    ++restAttempts;
   }
   int finishRest(bool current) {
     const auto open = pickRest(current);

@@ -50,8 +50,6 @@ struct NotificationRecorder : Object {
     for (const auto& entry : entries) result.push_back(entry.name);
     return result;
   }
-  std::size_t count(std::string_view name) const { return std::ranges::count(names(), name); }
-  void clear() { entries.clear(); }
 
   std::vector<Entry> entries;
 };
@@ -111,8 +109,6 @@ class MapsTest : public ::testing::Test {
     }
     return result;
   }
-  std::vector<std::size_t> openRest() { return open(core::QELRequest::Kind::REST); }
-  std::vector<std::size_t> openImages() { return open(core::QELRequest::Kind::ImageDownload); }
 
   // Answers the oldest open request of one kind with `body` (text or bytes),
   // or fails it when `body` is std::nullopt.

@@ -548,8 +548,7 @@ std::optional<std::string> firstDifference(const std::vector<Step>& steps) {
   return difference;
 }
 
-// Drops steps, then images of the payloads, one at a time while the
-// sequence still fails.
+// Drops steps one at a time while the sequence still fails.
 std::vector<Step> shrink(std::vector<Step> steps) {
   for (bool progress = true; progress;) {
     progress = false;
@@ -561,18 +560,6 @@ std::vector<Step> shrink(std::vector<Step> steps) {
         progress = true;
       } else {
         ++i;
-      }
-    }
-    for (auto& step : steps) {
-      for (std::size_t i = 0; i < step.images.size();) {
-        const auto image = step.images[i];
-        step.images.erase(step.images.begin() + static_cast<std::ptrdiff_t>(i));
-        if (firstDifference(steps)) {
-          progress = true;
-        } else {
-          step.images.insert(step.images.begin() + static_cast<std::ptrdiff_t>(i), image);
-          ++i;
-        }
       }
     }
   }

@@ -20,29 +20,9 @@
 
 namespace qel::core::net::testing {
 
-// Two names for 127.0.0.1 on `port` whose first address is a dead host at
-// 127.0.0.2 (a listener whose accept queue is full drops connection requests
-// without a word): "cabin.test" in the fixed table and "named.test" at a name
-// server, both in `configuration` (else the effective one).
-struct DeadFirstAddresses {
-  explicit DeadFirstAddresses(std::uint16_t port) {
-    acceptor.open(boost::asio::ip::tcp::v4());
-    acceptor.bind({boost::asio::ip::make_address("127.0.0.2"), port});
-    acceptor.listen(0);
-    filler.connect(acceptor.local_endpoint());
-    dns.add("named.test", {"127.0.0.2", "127.0.0.1"});
-    configuration.resolve = {"cabin.test:" + std::to_string(port) + ":127.0.0.2,127.0.0.1"};
-    configuration.dnsServers = dns.address();
-  }
-  boost::asio::ip::tcp::acceptor acceptor{RunLoop::current().context()};
-  boost::asio::ip::tcp::socket filler{RunLoop::current().context()};
-  TestDnsServer dns{RunLoop::current().context()};
-  QELConfiguration configuration = QELConfiguration::effective();
-};
-
 // `count` dead hosts at 127.0.0.2 and up on `port` (each a listener whose
-// accept queue is full), then 127.0.0.1, as the fixed table entry for
-// "cabin.test" in `configuration`.
+// accept queue is full drops connection requests without a word), then
+// 127.0.0.1, as the fixed table entry for "cabin.test" in `configuration`.
 struct SilentAddresses {
   SilentAddresses(std::uint16_t port, int count) {
     std::string addresses;
@@ -61,6 +41,16 @@ struct SilentAddresses {
   std::deque<boost::asio::ip::tcp::acceptor> acceptors;
   std::deque<boost::asio::ip::tcp::socket> fillers;
   QELConfiguration configuration = QELConfiguration::effective();
+};
+
+// Two names for 127.0.0.1 on `port` whose first address is one dead host:
+// "cabin.test" in the fixed table and "named.test" at a name server.
+struct DeadFirstAddresses : SilentAddresses {
+  explicit DeadFirstAddresses(std::uint16_t port) : SilentAddresses(port, 1) {
+    dns.add("named.test", {"127.0.0.2", "127.0.0.1"});
+    configuration.dnsServers = dns.address();
+  }
+  TestDnsServer dns{RunLoop::current().context()};
 };
 
 // Descriptors this process has open now.
