@@ -233,7 +233,11 @@ void QELBroadcastMapsHostStatus::transportWillConnect(TransportChannel channel) 
 void QELBroadcastMapsHostStatus::transportDidSucceed(TransportChannel channel, const core::TransportAnswer& answer) {
   const Data* body = answer.body;
   auto service = service_.lock();
-  if (channel == TransportChannel::Events || !body || !service) return recordSuccess(channel);
+  if (channel == TransportChannel::Events) {
+    recordSuccess(channel);
+    return recomposeLater();
+  }
+  if (!body || !service) return recordSuccess(channel);
   // Whether the service took the answer shows once it has had it: the
   // queue hands it over right after this report.
   auto weakSelf = weak_from_this();
@@ -252,6 +256,15 @@ void QELBroadcastMapsHostStatus::transportDidSucceed(TransportChannel channel, c
 void QELBroadcastMapsHostStatus::transportDidFail(TransportChannel channel, const core::TransportFailure& failure,
                                                   std::optional<Clock::time_point> nextAttempt) {
   recordFailure(channel, failure, nextAttempt);
+  if (channel == TransportChannel::Events) recomposeLater();
+}
+
+void QELBroadcastMapsHostStatus::recomposeLater() {
+  // The event channel reports before the service hears of the connect or
+  // the disconnect; the phase follows once it has.
+  RunLoop::current().post([weakSelf = weak_from_this()] {
+    if (auto self = weakSelf.lock()) self->changed_();
+  });
 }
 
 void QELBroadcastMapsHostStatus::recordFailure(TransportChannel channel, const core::TransportFailure& failure,

@@ -61,6 +61,7 @@ class QELBroadcastMapsHostStatus : public core::TransportObserver,
   void recordFailure(core::TransportChannel channel, const core::TransportFailure& failure,
                      std::optional<Clock::time_point> nextAttempt);
   void recordSuccess(core::TransportChannel channel);
+  void recomposeLater();
   // After the service has taken an answer: whether it was refused, and why.
   void checkMapData(const void* recordBefore, std::optional<std::string> reason);
   void checkPicture(std::string reasonIfRefused);

@@ -91,6 +91,12 @@ std::uint16_t closedPort() {
   return ntohs(address.sin_port);
 }
 
+// What a snapshot shows, for a failure's message.
+std::string describe(const QELBroadcastMapsSnapshot& snapshot) {
+  return snapshot.status.describe() + (snapshot.image ? ", a picture" : ", no picture") +
+         (snapshot.lastPicture.image ? ", a last picture" : "") + (snapshot.lastPicture.stale ? " (stale)" : "");
+}
+
 std::unique_ptr<QELBroadcastMapsHost> hostFor(const core::QELConfiguration& configuration,
                                               std::optional<fs::path> cache) {
   QELBroadcastMapsHost::Options options;
@@ -219,7 +225,7 @@ TEST(LastPictureTest, ABrokenCacheCostsALogLineAndTheMapStillComes) {
     EXPECT_FALSE(host->snapshot()->lastPicture.image);
     EXPECT_TRUE(log.has(testCase.logged));
     EXPECT_FALSE(fs::exists(cache.path / ".map-400x300-1.tmp"));
-    ASSERT_TRUE(waitFor(*host, live));
+    ASSERT_TRUE(waitFor(*host, live)) << describe(*host->snapshot());
     host.reset();
     // Nothing half-written is left; the entry is good now, or still what
     // stood in its place.
