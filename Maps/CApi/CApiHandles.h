@@ -1,5 +1,5 @@
 // What the C API's handles are, shared by the files that implement them
-// (one per handle: Configuration.cpp, Client.cpp, Picture.cpp, Status.cpp, and
+// (one per handle: Configuration.cpp, Client.cpp, Picture.cpp, Status.cpp, Stats.cpp, and
 // Library.cpp for what needs no handle).
 //
 // No exception crosses a qelmaps_* function: each one either cannot throw
@@ -19,6 +19,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <atomic>
 #include <cstddef>
 #include <memory>
@@ -45,6 +46,14 @@ struct Delivery {
 };
 extern thread_local Delivery currentDelivery;
 
+// Hands `trace` to a C trace callback, as the C struct.
+void callTrace(qelmaps_client* client, const QELBroadcastMapsTrace& trace, qelmaps_trace_callback callback,
+               void* userData);
+
+// The C convention for text out: as much as fits with a NUL, the full
+// length always.
+qelmaps_error copyText(std::string_view text, char* buffer, std::size_t capacity, std::size_t* length);
+
 // When `image` was received, in Unix milliseconds, if it is the snapshot's
 // last picture; else 0.
 inline std::int64_t receivedAtMs(const QELBroadcastMapsSnapshot& snapshot, const std::shared_ptr<const Image>& image) {
@@ -63,6 +72,8 @@ struct qelmaps_config {
   qelmaps_log_callback log = nullptr;
   void* logUserData = nullptr;
   std::optional<std::string> cacheDirectory;
+  qelmaps_trace_callback trace = nullptr;
+  void* traceUserData = nullptr;
 };
 
 struct qelmaps_client {

@@ -55,6 +55,23 @@ class LibraryThreadScope {
   bool previous_;
 };
 
+// Hands traces to the application's C callback, on the thread callbacks
+// run on.
+class TraceListener : public qel::QELBroadcastMapsHostListener {
+ public:
+  TraceListener(qelmaps_client* client, qelmaps_trace_callback callback, void* userData)
+      : client_(client), callback_(callback), userData_(userData) {}
+  void pictureTraced(const qel::QELBroadcastMapsTrace& trace) override {
+    const LibraryThreadScope scope(!client_->dispatched);
+    qel::capi::callTrace(client_, trace, callback_, userData_);
+  }
+
+ private:
+  qelmaps_client* client_;
+  qelmaps_trace_callback callback_;
+  void* userData_;
+};
+
 }  // namespace
 
 extern "C" {
@@ -101,6 +118,7 @@ qelmaps_error qelmaps_client_create(const qelmaps_config* config, qelmaps_client
       callback.function(raw, *e, callback.userData);
       currentDelivery = previous;
     };
+    if (config->trace) options.listener = std::make_shared<TraceListener>(client.get(), config->trace, config->traceUserData);
     client->host = qel::QELBroadcastMapsHost::create(std::move(options));
     if (!client->host) {
       if (client->logRouted) qel::core::QELLogging::setSink({});

@@ -82,6 +82,14 @@ qelmaps_error qelmaps_config_set_max_map_entries(qelmaps_config* config, size_t 
   return QELMAPS_OK;
 }
 
+qelmaps_error qelmaps_config_set_trace_callback(qelmaps_config* config, qelmaps_trace_callback callback,
+                                                void* user_data) {
+  if (!config) return QELMAPS_ERROR_NULL_ARGUMENT;
+  config->trace = callback;
+  config->traceUserData = user_data;
+  return QELMAPS_OK;
+}
+
 qelmaps_error qelmaps_config_set_cache_dir(qelmaps_config* config, const char* path) {
   if (!config || !path) return QELMAPS_ERROR_NULL_ARGUMENT;
   if (!*path) return QELMAPS_ERROR_INVALID_ARGUMENT;

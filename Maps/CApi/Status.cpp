@@ -15,14 +15,17 @@
 namespace {
 
 using Status = qel::QELBroadcastMapsStatus;
+using qel::capi::copyText;
 
 std::int64_t unixMilliseconds(Status::Clock::time_point at) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(at.time_since_epoch()).count();
 }
 
-// The C convention for text out: as much as fits with a NUL, the full
-// length always.
-qelmaps_error copyText(std::string_view text, char* buffer, std::size_t capacity, std::size_t* length) {
+bool validChannel(qelmaps_channel channel) { return static_cast<unsigned>(channel) < 3; }
+
+}  // namespace
+
+qelmaps_error qel::capi::copyText(std::string_view text, char* buffer, std::size_t capacity, std::size_t* length) {
   *length = text.size();
   if (capacity == 0) return buffer ? QELMAPS_ERROR_BUFFER_TOO_SMALL : QELMAPS_OK;
   const std::size_t copied = std::min(text.size(), capacity - 1);
@@ -30,10 +33,6 @@ qelmaps_error copyText(std::string_view text, char* buffer, std::size_t capacity
   buffer[copied] = '\0';
   return copied < text.size() ? QELMAPS_ERROR_BUFFER_TOO_SMALL : QELMAPS_OK;
 }
-
-bool validChannel(qelmaps_channel channel) { return static_cast<unsigned>(channel) < 3; }
-
-}  // namespace
 
 static_assert(static_cast<int>(qel::core::FailureKind::ConnectionLost) == QELMAPS_FAILURE_CONNECTION_LOST &&
                   static_cast<int>(qel::core::FailureKind::NameLookup) == QELMAPS_FAILURE_NAME_LOOKUP &&

@@ -28,6 +28,7 @@ For asyncio, ``AsyncClient`` delivers the same events on the running loop:
 """
 
 from ._asyncio import AsyncClient
+from ._monitoring import Trace
 from ._status import ChannelFailure, Failure, Phase, Status
 from ._client import (
     AVAILABLE_RESOLUTIONS_DID_CHANGE,
@@ -59,6 +60,7 @@ __all__ = [
     "Failure",
     "Phase",
     "Status",
+    "Trace",
     "Client",
     "ClosedError",
     "Error",

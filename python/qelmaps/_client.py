@@ -9,8 +9,8 @@ import threading
 from typing import Any, Callable, Dict, List, NamedTuple, Optional, Tuple, TypeVar, cast
 
 # The library and the C API's types, loaded once per process.
-from . import _status
-from ._library import CALLBACK as _CALLBACK, DISPATCH as _DISPATCH, LOG as _LOG, Size as _Size, lib as _lib
+from . import _monitoring, _status
+from ._library import CALLBACK as _CALLBACK, TRACE as _TRACE, DISPATCH as _DISPATCH, LOG as _LOG, Size as _Size, lib as _lib
 
 
 class Event(str, enum.Enum):
@@ -157,7 +157,8 @@ class Client:
                  event_path: Optional[str] = None, log_level: Optional[int] = None,
                  log: Optional[Callable[[int, str, str], None]] = None,
                  handlers: "Optional[Dict[Event | str, Handler]]" = None,
-                 cache_dir: "Optional[str | os.PathLike[str]]" = None):
+                 cache_dir: "Optional[str | os.PathLike[str]]" = None,
+                 on_trace: "Optional[Callable[[_monitoring.Trace], None]]" = None):
         self._handlers: Dict[Event, List[Handler]] = {}
         self._tasks: "queue.SimpleQueue[object]" = queue.SimpleQueue()
         self._lock = threading.Lock()
@@ -171,6 +172,7 @@ class Client:
         self._on_event = _CALLBACK(self._deliver)
         self._on_dispatch = _DISPATCH(lambda task, _: self._tasks.put(task))
         self._on_log = _LOG(functools.partial(self._log, log)) if log else None
+        self._on_trace = _TRACE(functools.partial(self._trace, on_trace)) if on_trace else None
         config = _lib.qelmaps_config_create()
         if not config:
             raise MemoryError
@@ -189,6 +191,8 @@ class Client:
                 _check(_lib.qelmaps_config_set_cache_dir(config, os.fsencode(cache_dir)), "cache_dir")
             if self._on_log:
                 _check(_lib.qelmaps_config_set_log_callback(config, self._on_log, None), "log")
+            if self._on_trace:
+                _check(_lib.qelmaps_config_set_trace_callback(config, self._on_trace, None), "on_trace")
             _check(_lib.qelmaps_config_set_dispatch(config, self._on_dispatch, None), "dispatch")
             for index in range(len(_EVENTS)):
                 _check(_lib.qelmaps_config_set_callback(config, index, self._on_event, None), "callback")
@@ -275,6 +279,11 @@ class Client:
         state = ctypes.c_int()
         _check(_lib.qelmaps_client_map_data(self._live(), ctypes.byref(state)), "map_data")
         return ("none", "empty", "listed")[state.value]
+
+    @_holding
+    def stats(self) -> Dict[str, Any]:
+        """The counters since the client was made, as the stats document (see the README's "Monitoring")."""
+        return _monitoring.read_stats(self._live(), _check)
 
     @_holding
     def status(self) -> _status.Status:
@@ -374,6 +383,15 @@ class Client:
             log(level, domain.decode(errors="replace"), message.decode(errors="replace"))
         finally:
             _calling.log -= 1
+
+    def _trace(self, on_trace: Callable[[_monitoring.Trace], None], _client: Optional[int], raw: Any,
+               _user_data: Optional[int]) -> None:
+        # Runs on the callbacks thread, like the event handlers.
+        try:
+            on_trace(_monitoring.trace_from(raw.contents))
+        except Exception:  # a failing handler must not reach the library
+            import traceback
+            traceback.print_exc()
 
     def _deliver(self, _client: Optional[int], event: int, _user_data: Optional[int]) -> None:
         if not 0 <= event < len(_EVENTS):

@@ -9,7 +9,7 @@ ImportError says where it looked and how to fix it.
 import ctypes
 import ctypes.util
 import os
-from typing import List
+from typing import Any, List, Tuple
 
 class Size(ctypes.Structure):
     _fields_ = [("width", ctypes.c_double), ("height", ctypes.c_double)]
@@ -25,6 +25,17 @@ class Status(ctypes.Structure):
                 ("channels", ChannelStatus * 3)]
 
 
+class Trace(ctypes.Structure):
+    _phases = ("update_received", "queued", "name_lookup_done", "connected", "tls_done", "first_byte", "body_done",
+               "decoded", "shown")
+    _fields_: "List[Tuple[str, Any]]" = [("source", ctypes.c_char_p)]
+    _fields_ += [(name + "_us", ctypes.c_int64) for name in _phases]
+    _fields_ += [("bytes_received", ctypes.c_uint64), ("http_version", ctypes.c_char_p),
+                 ("connection_reused", ctypes.c_int), ("revalidated", ctypes.c_int), ("result", ctypes.c_int),
+                 ("failure", ctypes.c_int), ("failure_message", ctypes.c_char_p)]
+
+
+TRACE = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.POINTER(Trace), ctypes.c_void_p)
 CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p)
 DISPATCH = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_void_p)
 LOG = ctypes.CFUNCTYPE(None, ctypes.c_int, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_void_p)
@@ -96,6 +107,8 @@ def _load() -> ctypes.CDLL:
         "qelmaps_client_picture_is_stale": (e, [p, ctypes.POINTER(i)]),
         "qelmaps_picture_received_at_ms": (ctypes.c_int64, [p]),
         "qelmaps_config_set_cache_dir": (e, [p, ctypes.c_char_p]),
+        "qelmaps_config_set_trace_callback": (e, [p, TRACE, p]),
+        "qelmaps_client_stats": (e, [p, ctypes.c_char_p, s, ctypes.POINTER(s)]),
         "qelmaps_client_failure_message": (e, [p, i, ctypes.c_char_p, s, ctypes.POINTER(s)]),
         "qelmaps_client_status_text": (e, [p, ctypes.c_char_p, s, ctypes.POINTER(s)]),
         "qelmaps_failure_string": (ctypes.c_char_p, [i]),

@@ -45,3 +45,23 @@ def test_a_server_whose_authority_is_not_trusted_is_told_apart_from_one_that_is_
         status = status_when(client, lambda s: s.events is not None)
     assert status.events.kind is qelmaps.Failure.CONNECTION_REFUSED and status.events.consecutive == 1
     assert status.summary.startswith("Cabin server refused the connection, next try in")
+
+
+def test_each_picture_is_traced_and_the_stats_count_it(simulator):
+    _, settings = simulator
+    traces = []
+    traced = threading.Event()
+
+    def on_trace(trace):
+        traces.append(trace)
+        traced.set()
+
+    with qelmaps.Client(**settings, on_trace=on_trace) as client:
+        client.start()
+        assert traced.wait(TIMEOUT)
+        stats = client.stats()
+    trace = traces[0]
+    assert trace.result == "shown" and trace.source.endswith("/1.png") and trace.failure is None
+    phases = [trace.queued, trace.connected, trace.first_byte, trace.body_done, trace.decoded, trace.shown]
+    assert all(phases) and phases == sorted(phases)
+    assert stats["qelmaps.picture.shown"] == 1 and stats["http.client.response.body.size"] == trace.bytes_received

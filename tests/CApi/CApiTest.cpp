@@ -23,6 +23,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -41,6 +42,8 @@ struct Recorder {
   std::atomic<int> logLines{0};
   std::deque<qelmaps_task*> tasks;  // handed over by the dispatch hook
   std::function<void(qelmaps_client*, qelmaps_event)> onEvent;
+  // Each trace's source, result and phases (queued, body done, shown).
+  std::vector<std::tuple<std::string, qelmaps_trace_result, std::int64_t, std::int64_t, std::int64_t>> traces;
 
   template <class Predicate>
   bool waitFor(Predicate predicate) {
@@ -78,6 +81,12 @@ void queueTask(qelmaps_task* task, void* userData) {
   recorder->changed.notify_all();
 }
 
+void recordTrace(qelmaps_client*, const qelmaps_trace* trace, void* userData) {
+  auto* recorder = static_cast<Recorder*>(userData);
+  std::lock_guard lock(recorder->mutex);
+  recorder->traces.emplace_back(trace->source, trace->result, trace->queued_us, trace->body_done_us, trace->shown_us);
+}
+
 void countLog(int, const char*, const char*, void* userData) { ++static_cast<Recorder*>(userData)->logLines; }
 
 class CApiTest : public ::testing::Test {
@@ -91,6 +100,7 @@ class CApiTest : public ::testing::Test {
     ASSERT_EQ(qelmaps_config_set_ca_file(config_, simulator_.caFile().c_str()), QELMAPS_OK);
     ASSERT_EQ(qelmaps_config_set_log_threshold(config_, 5), QELMAPS_OK);
     ASSERT_EQ(qelmaps_config_set_log_callback(config_, countLog, &recorder_), QELMAPS_OK);
+    ASSERT_EQ(qelmaps_config_set_trace_callback(config_, recordTrace, &recorder_), QELMAPS_OK);
     for (int event = 0; event <= QELMAPS_EVENT_STATE_DID_CHANGE; ++event) {
       ASSERT_EQ(qelmaps_config_set_callback(config_, qelmaps_event(event), recordEvent, &recorder_), QELMAPS_OK);
     }
@@ -195,6 +205,19 @@ TEST_F(CApiTest, ReceivesResolutionsAndTheChosenPictureOnTheLibraryThreadWhichMa
   ASSERT_TRUE(recorder_.waitForEvent(QELMAPS_EVENT_IMAGE_DID_CHANGE));
 
   ASSERT_EQ(qelmaps_client_picture(client_, &picture), QELMAPS_OK);
+  // Its trace, in order, and the stats document that counts it.
+  ASSERT_TRUE(recorder_.waitFor([&] { return !recorder_.traces.empty(); }));
+  {
+    std::lock_guard lock(recorder_.mutex);
+    const auto& [source, result, queued, bodyDone, shown] = recorder_.traces.front();
+    EXPECT_EQ(source, "/maps/800x600/1.png");
+    EXPECT_EQ(result, QELMAPS_TRACE_SHOWN);
+    EXPECT_TRUE(0 < queued && queued <= bodyDone && bodyDone <= shown) << queued << " " << bodyDone << " " << shown;
+  }
+  char stats[2048];
+  std::size_t statsLength = 0;
+  ASSERT_EQ(qelmaps_client_stats(client_, stats, sizeof stats, &statsLength), QELMAPS_OK);
+  EXPECT_NE(std::string(stats).find("\"qelmaps.picture.shown\":1"), std::string::npos) << stats;
   EXPECT_EQ(qelmaps_picture_width(picture), 800u);
   EXPECT_EQ(qelmaps_picture_height(picture), 600u);
   EXPECT_EQ(qelmaps_picture_stride(picture), 800u * 4);

@@ -489,6 +489,57 @@ QELMAPS_C_API const char *qelmaps_failure_string(qelmaps_failure failure);
 QELMAPS_C_API const char *qelmaps_phase_string(qelmaps_phase phase);
 
 /* ------------------------------------------------------------------------ */
+/* Monitoring: a trace of every picture, and the stats document             */
+/* ------------------------------------------------------------------------ */
+
+typedef enum qelmaps_trace_result {
+  QELMAPS_TRACE_SHOWN = 0,        /* a new picture, shown */
+  QELMAPS_TRACE_SAME_PICTURE = 1, /* the bytes were the picture already shown */
+  QELMAPS_TRACE_FAILED = 2,       /* see failure and failure_message */
+  QELMAPS_TRACE_RESULT_ENUM_WIDTH_ = -0x7fffffff - 1
+} qelmaps_trace_result;
+
+/* Where one picture download's time went. Times are CLOCK_MONOTONIC in
+ * microseconds, 0 for a phase not reached (a kept connection has no connect
+ * of its own; a failure ends early). The transfer's phases are libcurl's own
+ * timers. Strings are valid only during the callback. */
+typedef struct qelmaps_trace {
+  const char *source;
+  int64_t update_received_us; /* the event or map data answer that named it */
+  int64_t queued_us;
+  int64_t name_lookup_done_us;
+  int64_t connected_us;
+  int64_t tls_done_us;
+  int64_t first_byte_us;
+  int64_t body_done_us;
+  int64_t decoded_us;
+  int64_t shown_us; /* the snapshot that shows it was published */
+  uint64_t bytes_received;
+  const char *http_version; /* "1.1", "2", or "" */
+  int connection_reused;
+  int revalidated; /* answered "304 Not Modified" from the cache */
+  qelmaps_trace_result result;
+  qelmaps_failure failure; /* NONE unless FAILED */
+  const char *failure_message;
+} qelmaps_trace;
+
+/* Receives each picture's trace, on the thread callbacks run on (see
+ * qelmaps_callback and qelmaps_config_set_dispatch). */
+typedef void (*qelmaps_trace_callback)(qelmaps_client *client, const qelmaps_trace *trace, void *user_data);
+
+/* Registers `callback` (NULL: none) for every picture's trace.
+ * Errors: NULL_ARGUMENT (config). */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_trace_callback(qelmaps_config *config, qelmaps_trace_callback callback,
+                                                              void *user_data);
+
+/* Copies the stats document, a JSON object of the counters since the client
+ * was made (the README's "Monitoring" lists the keys), as
+ * qelmaps_client_failure_message() copies text. Any thread.
+ * Errors: NULL_ARGUMENT, BUFFER_TOO_SMALL, OUT_OF_MEMORY. */
+QELMAPS_C_API qelmaps_error qelmaps_client_stats(qelmaps_client *client, char *buffer, size_t capacity,
+                                                 size_t *length);
+
+/* ------------------------------------------------------------------------ */
 /* Pictures: immutable, reference-counted, usable from any thread           */
 /* ------------------------------------------------------------------------ */
 
