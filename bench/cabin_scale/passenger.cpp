@@ -8,6 +8,11 @@
 //   1700000000.123 picture 17 31044
 //                                 a new map picture is shown: the update it
 //                                 was rendered for (from its URL), its bytes
+//   1700000000.123 trace 17 U Q C T F B D S R
+//                                 where that picture's time went: update
+//                                 received, queued, connected, TLS done, first
+//                                 byte, body done, decoded, shown (wall clock,
+//                                 0 when not reached), connection reused (1/0)
 //   1700000000.456 error          no map data (connection lost, reload failed)
 //
 // Library log lines of level 2 and below go to standard error.
@@ -21,14 +26,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include <unistd.h>
 
 namespace {
 
-// What observes the service: the notification centre holds observers weakly.
-struct Screen : qel::Object {};
 
 double wallClock() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -75,53 +79,49 @@ int main(int argc, char** argv) {
     }
   }
 
-  // The picture's update is known only from the URL it was downloaded from:
-  // the transport's level-4 line for each finished download names it, and
-  // the image-changed notification follows that download's line.
-  long lastDownloaded = -1;
-  long lastBytes = 0;
-  configuration.logThreshold = 4;
-  qel::core::QELConfiguration::set(configuration);
-  qel::core::QELLogging::setSink([&](int level, std::string_view domain, std::string_view message) {
-    if (message.starts_with("GET ") && message.find("/maps/") != std::string_view::npos) {
-      const auto colon = message.find(": 200, ");
-      if (colon != std::string_view::npos) {
-        lastDownloaded = updateOf(message.substr(4, colon - 4));
-        lastBytes = std::strtol(std::string(message.substr(colon + 7, 20)).c_str(), nullptr, 10);
-      }
-    } else if (level <= 2) {
-      std::fprintf(stderr, "%d %.*s %.*s\n", level, static_cast<int>(domain.size()), domain.data(),
-                   static_cast<int>(message.size()), message.data());
-    }
+  configuration.logThreshold = 2;
+  qel::core::QELLogging::setSink([](int level, std::string_view domain, std::string_view message) {
+    std::fprintf(stderr, "%d %.*s %.*s\n", level, static_cast<int>(domain.size()), domain.data(),
+                 static_cast<int>(message.size()), message.data());
   });
-
   std::printf("%.3f started %ld\n", wallClock(), residentKiB());
   std::fflush(stdout);
-  auto maps = qel::QELBroadcastMapsV1::create();
-  if (!maps) {
+
+  // The picture's update comes from its trace (the source it was downloaded
+  // from), with where the time went, each phase on the wall clock.
+  struct Traces : qel::QELBroadcastMapsHostListener {
+    void pictureTraced(const qel::QELBroadcastMapsTrace& trace) override {
+      if (trace.result != qel::QELBroadcastMapsTrace::Result::Shown) return;
+      const double wallNow = wallClock();
+      const auto steadyNow = std::chrono::steady_clock::now();
+      const auto at = [&](const std::optional<qel::QELBroadcastMapsTrace::TimePoint>& phase) {
+        return phase ? wallNow - std::chrono::duration<double>(steadyNow - *phase).count() : 0.0;
+      };
+      std::printf("%.3f picture %ld %llu\n", at(trace.shown), updateOf(trace.source),
+                  static_cast<unsigned long long>(trace.bytesReceived));
+      std::printf("%.3f trace %ld %.4f %.4f %.4f %.4f %.4f %.4f %.4f %.4f %d\n", at(trace.shown),
+                  updateOf(trace.source), at(trace.updateReceived), at(trace.queued), at(trace.connected),
+                  at(trace.tlsDone), at(trace.firstByte), at(trace.bodyDone), at(trace.decoded), at(trace.shown),
+                  trace.connectionReused ? 1 : 0);
+      std::fflush(stdout);
+    }
+  };
+  qel::QELBroadcastMapsHost::Options options;
+  options.configuration = configuration;
+  options.listener = std::make_shared<Traces>();
+  options.handler = [](qel::QELBroadcastMapsHostEvent event, const qel::QELBroadcastMapsHost::Snapshot&) {
+    if (event != qel::QELBroadcastMapsHostEvent::Error) return;
+    std::printf("%.3f error\n", wallClock());
+    std::fflush(stdout);
+  };
+  auto host = qel::QELBroadcastMapsHost::create(std::move(options));
+  if (!host) {
     std::cerr << "passenger: the maps service is not available\n";
     return 1;
   }
-  maps->setCurrentResolutionWithCGSize(resolution);
-  auto screen = std::make_shared<Screen>();
-  auto& center = qel::NotificationCenter::defaultCenter();
-  center.addObserver(
-      screen,
-      [&](const qel::Notification&) {
-        if (maps->mapImage()) std::printf("%.3f picture %ld %ld\n", wallClock(), lastDownloaded, lastBytes);
-        std::fflush(stdout);
-      },
-      qel::QELBroadcastMapsImageDidChangeNotification, maps);
-  center.addObserver(
-      screen,
-      [](const qel::Notification&) {
-        std::printf("%.3f error\n", wallClock());
-        std::fflush(stdout);
-      },
-      qel::QELBroadcastMapsErrorNotification, maps);
-
-  maps->start();
-  // Until the harness ends it with SIGTERM: run() has no timeout to wake for.
-  qel::RunLoop::current().run();
+  host->setCurrentResolutionWithCGSize(resolution);
+  host->start();
+  // Until the harness ends it with SIGTERM.
+  pause();
   return 0;
 }

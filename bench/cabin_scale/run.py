@@ -232,10 +232,28 @@ class Simulator:
         return {int(fields[2]): t for t, fields in self.log_times(run, ["pushed", "update"])}
 
 
+# The phases of a passenger's trace, in order, as the passenger prints them.
+PHASES = ("update received", "queued", "connected", "TLS done", "first byte", "body done", "decoded", "shown")
+
+
+def breakdown(pushed, trace):
+    """Seconds spent from the push to each phase of `trace`, phase by phase
+    (a phase not reached, such as the connect of a kept connection, costs 0)."""
+    spent, previous = {}, pushed
+    for name, at in zip(PHASES, trace):
+        if at:
+            spent[name] = max(0.0, at - previous)
+            previous = at
+        else:
+            spent[name] = 0.0
+    return spent
+
+
 class Passenger:
     def __init__(self, index, child, out):
         self.index, self.child, self.out = index, child, out
         self.pictures = []  # (time, update, bytes)
+        self.traces = {}  # update -> the phases' times (see PHASES) and whether the connection was reused
         self.errors = []
         self.started_kib = None
         self.read = 0
@@ -247,6 +265,8 @@ class Passenger:
             parts = line.split()
             if len(parts) == 4 and parts[1] == "picture":
                 self.pictures.append((float(parts[0]), int(parts[2]), int(parts[3])))
+            elif len(parts) == 12 and parts[1] == "trace":
+                self.traces[int(parts[2])] = ([float(v) for v in parts[3:11]], parts[11] == "1")
             elif len(parts) == 3 and parts[1] == "started":
                 self.started_kib = int(parts[2])
             elif len(parts) == 2 and parts[1] == "error":
@@ -368,6 +388,19 @@ def run(args, work, processes, cabin):
             # the link's rate (TCP, TLS and HTTP headers not counted).
             floors.append(sum(size for _, size in filter(None, shown)) * 8 / bits_per_second(cabin.rate))
             lasts.append(max(here))
+    # Where the last passenger's time went, per update, from its trace.
+    spent = {name: [] for name in PHASES}
+    for update, pushed in sorted(pushes.items()):
+        traced = [(p.traces[update][0], p) for p in passengers if update in p.traces]
+        if not traced:
+            continue
+        last, _ = max(traced, key=lambda item: item[0][-1])
+        for name, seconds in breakdown(pushed, last).items():
+            spent[name].append(seconds)
+    results.update(breakdown={name: statistics.median(v) for name, v in spent.items() if v})
+    if results["breakdown"]:
+        log("steady: where the last passenger's time went (median over updates): " + ", ".join(
+            f"{name} +{seconds * 1000:.0f} ms" for name, seconds in results["breakdown"].items()))
     results.update(updates=len(pushes), latencies=latencies, never=never, floors=floors, lasts=lasts)
     (work / "latency.dat").write_text("".join(f"{v:.4f}\n" for v in sorted(latencies)))
     if latencies:
