@@ -20,6 +20,7 @@ Phases, each measured:
 
   bench/cabin_scale/run.py --build build/release --passengers 300 --rate 54mbit
   bench/cabin_scale/run.py --short --build build/debug      (the test command's run)
+  bench/cabin_scale/run.py --build build/release --passengers 300 --delay 50   (a distant access point)
 
 --short exits non-zero only on a crash, a passenger that never shows a
 picture, or one still without a map 40 s after the restart; the full run
@@ -57,13 +58,14 @@ def log(text):
 class Cabin:
     """The two namespaces and the veth between them, or plain loopback."""
 
-    def __init__(self, rate, use_namespaces):
+    def __init__(self, rate, use_namespaces, delay_ms=0):
         tag = str(os.getpid())
         self.server_ns, self.passenger_ns = f"qelcabin-s{tag}", f"qelcabin-p{tag}"
         self.server_if, self.passenger_if = f"qcs{tag}", f"qcp{tag}"
         self.made = []
         self.namespaces = False
         self.rate = rate
+        self.delay_ms = delay_ms
         if use_namespaces:
             try:
                 self._make()
@@ -89,10 +91,18 @@ class Cabin:
                             (self.passenger_ns, self.passenger_if, PASSENGER_IP)):
             self._ip("-n", ns, "addr", "add", f"{ip}/24", "dev", dev)
             self._ip("-n", ns, "link", "set", dev, "up")
+            tc = ["ip", "netns", "exec", ns, "tc", "qdisc", "add", "dev", dev]
+            if self.delay_ms:
+                # A distant access point: each way delayed, the rate limit below it.
+                added = subprocess.run([*tc, "root", "handle", "1:", "netem", "delay", f"{self.delay_ms}ms"],
+                                       capture_output=True, text=True)
+                if added.returncode != 0:
+                    log(f"netem cannot delay the link here ({added.stderr.strip()}): no added delay")
+                    self.delay_ms = 0
             if self.rate:
                 # A queue of 100 ms at the link's rate, like an access point's.
-                subprocess.run(["ip", "netns", "exec", ns, "tc", "qdisc", "add", "dev", dev, "root", "tbf",
-                                "rate", self.rate, "burst", "32kb", "latency", "100ms"],
+                parent = ["parent", "1:1"] if self.delay_ms else ["root"]
+                subprocess.run([*tc, *parent, "tbf", "rate", self.rate, "burst", "32kb", "latency", "100ms"],
                                check=True, capture_output=True, text=True)
 
     def server_prefix(self):
@@ -398,6 +408,17 @@ def run(args, work, processes, cabin):
         for name, seconds in breakdown(pushed, last).items():
             spent[name].append(seconds)
     results.update(breakdown={name: statistics.median(v) for name, v in spent.items() if v})
+    # The trace's phases are libcurl's timers placed on the library's clock:
+    # in order, they add up to the time from the update to the screen.
+    mismatch = []
+    for p in passengers:
+        for update, (phases, _) in p.traces.items():
+            if update in pushes and phases[0] and phases[-1]:
+                mismatch.append(abs(sum(breakdown(phases[0], phases).values()) - (phases[-1] - phases[0])))
+    results.update(phase_mismatch=max(mismatch) if mismatch else None, traces=len(mismatch))
+    if mismatch:
+        log(f"steady: the phases of {len(mismatch)} traces add up to their update-to-screen time within "
+            f"{max(mismatch) * 1000:.2f} ms")
     if results["breakdown"]:
         log("steady: where the last passenger's time went (median over updates): " + ", ".join(
             f"{name} +{seconds * 1000:.0f} ms" for name, seconds in results["breakdown"].items()))
@@ -481,6 +502,10 @@ def report(args, results, work):
          results["restart_back"] is not None and results["restart_back"] < 35,
          f"{results['restart_back']:.1f} s" if results["restart_back"] is not None else "not all back"),
     ]
+    if results.get("phase_mismatch") is not None:
+        goals.append(("the traces' phases add up to the update-to-screen time within 1 ms",
+                      results["phase_mismatch"] < 0.001,
+                      f"{results['phase_mismatch'] * 1000:.2f} ms at most over {results['traces']} traces"))
     if "syn_peak" in results:
         goals.append(("peak connection attempts per 100 ms under N/5", results["syn_peak"] < n / 5,
                       f"{results['syn_peak']} against {n / 5:.0f}"))
@@ -539,6 +564,7 @@ def main():
     parser.add_argument("--passengers", type=int, default=300)
     parser.add_argument("--rate", default="54mbit", help="tbf rate of the link, or 0 for no limit")
     parser.add_argument("--resolution", default="400x300")
+    parser.add_argument("--delay", type=int, default=0, help="ms of delay each way on the link (netem)")
     parser.add_argument("--interval", type=float, default=4)
     parser.add_argument("--steady", type=float, default=60, help="seconds of steady state")
     parser.add_argument("--down", type=float, default=5, help="seconds the server is down")
@@ -573,7 +599,7 @@ def main():
     cabin = None
     status, keep = 1, False
     try:
-        cabin = Cabin(rate, not args.no_namespaces and os.geteuid() == 0)
+        cabin = Cabin(rate, not args.no_namespaces and os.geteuid() == 0, args.delay)
         if args.short and not cabin.namespaces:
             log("short run on loopback: the link is not limited")
         results = run(args, work, processes, cabin)

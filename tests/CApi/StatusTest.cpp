@@ -8,6 +8,7 @@
 
 #include "../Network/TestDnsServer.h"
 #include "../Support/Simulator.h"
+#include "../Support/Sockets.h"
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -65,19 +66,6 @@ void onStatus(qelmaps_client* client, qelmaps_event, void* userData) {
     ++watch->deliveries;
   }
   watch->changed.notify_all();
-}
-
-// A loopback port where nothing listens: bound, then let go.
-std::uint16_t closedPort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  ::close(fd);
-  return ntohs(address.sin_port);
 }
 
 // A loopback port that swallows connects, as a dead route does: a listener
@@ -163,7 +151,7 @@ TEST(CApiStatusTest, EachFailureReachesTheStatusWithItsKindAndWordsAndLiveReturn
       {"closed port",
        [](qelmaps_config* config) {
          auto cabin = simulatorFor(config);
-         qelmaps_config_set_port(config, closedPort());
+         qelmaps_config_set_port(config, qel::testing::closedPort());
          return std::shared_ptr<void>(cabin);
        },
        QELMAPS_CHANNEL_EVENTS, QELMAPS_FAILURE_CONNECTION_REFUSED, 0, QELMAPS_PHASE_WAITING_TO_RETRY,

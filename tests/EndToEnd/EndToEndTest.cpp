@@ -22,7 +22,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kImage = "BROADCAST_MAPS_IMAGE_DID_CHANGE";
 constexpr const char* kError = "BROADCAST_MAPS_ERROR";
 
 // What the application sees: notification names in order.

@@ -7,12 +7,11 @@
 #include <qel/core/QELLogging.h>
 
 #include "../Support/Simulator.h"
+#include "../Support/Sockets.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <netinet/in.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -79,18 +78,6 @@ struct CapturedLog {
   }
 };
 
-std::uint16_t closedPort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
-
 // What a snapshot shows, for a failure's message.
 std::string describe(const QELBroadcastMapsSnapshot& snapshot) {
   return snapshot.status.describe() + (snapshot.image ? ", a picture" : ", no picture") +
@@ -136,7 +123,7 @@ TEST(LastPictureTest, OutlivesAnOutageStaleAndComesBackFromTheCacheBeforeAnyConn
   // A new run with the server out of reach: the picture is there from the
   // first snapshot, with its true age.
   auto unreachable = simulator.configuration();
-  unreachable.port = closedPort();
+  unreachable.port = testing::closedPort();
   {
     auto host = hostFor(unreachable, cache.path);
     ASSERT_TRUE(host);
