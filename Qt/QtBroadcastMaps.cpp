@@ -89,6 +89,10 @@ void QtBroadcastMaps::start() {
   if (host_) host_->start();
 }
 
+void QtBroadcastMaps::networkChanged() {
+  if (host_) host_->networkDidChange();
+}
+
 void QtBroadcastMaps::stop() {
   if (host_) host_->stop();
 }

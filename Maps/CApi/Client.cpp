@@ -211,6 +211,12 @@ qelmaps_error qelmaps_client_map_data(qelmaps_client* client, qelmaps_map_data* 
   return QELMAPS_OK;
 }
 
+qelmaps_error qelmaps_client_network_changed(qelmaps_client* client) {
+  if (!client) return QELMAPS_ERROR_NULL_ARGUMENT;
+  client->host->networkDidChange();
+  return QELMAPS_OK;
+}
+
 qelmaps_error qelmaps_client_picture(qelmaps_client* client, qelmaps_picture** picture) {
   if (!client || !picture) return QELMAPS_ERROR_NULL_ARGUMENT;
   const auto snapshot = client->snapshot();

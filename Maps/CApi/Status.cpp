@@ -29,7 +29,7 @@ qelmaps_error qel::capi::copyText(std::string_view text, char* buffer, std::size
   *length = text.size();
   if (capacity == 0) return buffer ? QELMAPS_ERROR_BUFFER_TOO_SMALL : QELMAPS_OK;
   const std::size_t copied = std::min(text.size(), capacity - 1);
-  std::memcpy(buffer, text.data(), copied);
+  if (copied > 0) std::memcpy(buffer, text.data(), copied);  // an empty view may have no data at all
   buffer[copied] = '\0';
   return copied < text.size() ? QELMAPS_ERROR_BUFFER_TOO_SMALL : QELMAPS_OK;
 }

@@ -6,6 +6,7 @@
 #include <QELMaps/QELBroadcastMapsNotifications.h>
 
 #include <qel/Format.h>
+#include <qel/core/QELEventManager.h>
 #include <qel/core/QELLogging.h>
 
 #include <atomic>
@@ -63,6 +64,12 @@ void QELBroadcastMapsHost::setCurrentResolutionWithCGSize(CGSize size) {
 
 void QELBroadcastMapsHost::clearCurrentResolution() {
   thread_->post([](QELBroadcastMapsV1& service) { service.setCurrentResolution(nullptr); });
+}
+
+void QELBroadcastMapsHost::networkDidChange() {
+  thread_->post([](QELBroadcastMapsV1&) {
+    if (auto* transport = core::QELEventManager::defaultManager().transport()) transport->networkChanged();
+  });
 }
 
 QELBroadcastMapsHost::Snapshot QELBroadcastMapsHost::snapshot() const { return boundary_->snapshot(); }

@@ -281,6 +281,11 @@ class Client:
         return ("none", "empty", "listed")[state.value]
 
     @_holding
+    def network_changed(self) -> None:
+        """Call it when the device's network changed: a channel waiting to reconnect does so at once."""
+        _check(_lib.qelmaps_client_network_changed(self._live()), "network_changed")
+
+    @_holding
     def stats(self) -> Dict[str, Any]:
         """The counters since the client was made, as the stats document (see the README's "Monitoring")."""
         return _monitoring.read_stats(self._live(), _check)

@@ -109,6 +109,7 @@ def _load() -> ctypes.CDLL:
         "qelmaps_config_set_cache_dir": (e, [p, ctypes.c_char_p]),
         "qelmaps_config_set_trace_callback": (e, [p, TRACE, p]),
         "qelmaps_client_stats": (e, [p, ctypes.c_char_p, s, ctypes.POINTER(s)]),
+        "qelmaps_client_network_changed": (e, [p]),
         "qelmaps_client_failure_message": (e, [p, i, ctypes.c_char_p, s, ctypes.POINTER(s)]),
         "qelmaps_client_status_text": (e, [p, ctypes.c_char_p, s, ctypes.POINTER(s)]),
         "qelmaps_failure_string": (ctypes.c_char_p, [i]),

@@ -49,6 +49,7 @@ struct Connection {
   std::deque<std::pair<bool, std::string>> outbox;  // binary?, frame
   bool closing = false;
   std::string closeReason;
+  websocket::close_code closeCode = websocket::close_code::normal;
   bool idle = false;
 };
 
@@ -81,7 +82,7 @@ asio::awaitable<void> serveWebSocket(Connection& connection, const http::request
     }
     if (connection.closing)
       co_return co_await webSocket.async_close(
-          websocket::close_reason(websocket::close_code::normal, connection.closeReason), use_awaitable);
+          websocket::close_reason(connection.closeCode, connection.closeReason), use_awaitable);
   }
 }
 
@@ -237,11 +238,12 @@ void TestServer::send(const std::string& frame, bool binary) {
   }
 }
 
-void TestServer::closeWebSockets(const std::string& reason) {
+void TestServer::closeWebSockets(const std::string& reason, std::uint16_t code) {
   for (const auto& weak : state_->connections) {
     if (auto connection = weak.lock(); connection && connection->webSocket) {
       connection->closing = true;
       connection->closeReason = reason;
+      connection->closeCode = static_cast<websocket::close_code>(code);
       connection->wake.cancel();
     }
   }

@@ -46,7 +46,7 @@ class TestServer {
 
   // To every WebSocket: a frame, or a clean close.
   void send(const std::string& frame, bool binary = false);
-  void closeWebSockets(const std::string& reason = {});
+  void closeWebSockets(const std::string& reason = {}, std::uint16_t code = 1000);
 
   struct State;
 

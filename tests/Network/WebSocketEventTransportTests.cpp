@@ -147,6 +147,59 @@ TEST_F(WebSocketEventTransportTests, ARaceOverManySilentAddressesHoldsFewDescrip
   EXPECT_LE(peak - before, 4 + 1);
 }
 
+// A server that announces its restart (1012) is tried again at a steady pace
+// instead of the growing backoff; after a change of network a channel waiting
+// out its backoff reconnects at once.
+TEST_F(WebSocketEventTransportTests, AnAnnouncedRestartAndANetworkChangeCutTheWaitShort) {
+  WebSocketEventTransport::Options options;
+  options.initialBackoff = 1h;  // the growing backoff would never come back within the test
+  options.plannedEvery = 100ms;
+  auto transport = std::make_unique<WebSocketEventTransport>(options);
+  auto& channel = *transport;
+  manager().setTransport(std::move(transport));
+  for (const char* name : {QELServiceEventClientConnected, QELServiceEventClientDisconnected}) {
+    manager().addTarget(listener_, &Listener::receive, name);
+  }
+  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
+  server_.closeWebSockets("restarting", 1012);
+  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 2)) << "not back after the announced restart";
+
+  // An ordinary close waits out the backoff (an hour here); a network change
+  // ends the wait.
+  server_.closeWebSockets("bye", 1001);
+  ASSERT_TRUE(waitFor(QELServiceEventClientDisconnected, 2));
+  loop().runFor(200ms);
+  EXPECT_EQ(std::count(listener_->names.begin(), listener_->names.end(), QELServiceEventClientConnected), 2);
+  channel.networkChanged();
+  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 3)) << "the network change did not reconnect";
+  // Connected, a change checks the path with a ping, and the channel stays.
+  channel.networkChanged();
+  loop().runFor(100ms);
+  EXPECT_TRUE(manager().isConnected());
+}
+
+// The pace of an announced restart: each device's waits stay within half
+// the interval either side of it, and a cabin of them spreads its attempts.
+TEST(WebSocketEventTransportBackoff, AnAnnouncedRestartIsRetriedAtABoundedSpreadRate) {
+  const WebSocketEventTransport::Options options;
+  constexpr int kDevices = 300;
+  std::map<long, int> attemptsPerTenth;
+  for (int device = 0; device < kDevices; ++device) {
+    std::mt19937 random(static_cast<unsigned>(device));
+    std::chrono::steady_clock::duration at{};
+    while (at < 20s) {
+      const auto delay = WebSocketEventTransport::plannedDelay(options, random);
+      ASSERT_GE(delay, options.plannedEvery / 2);
+      ASSERT_LE(delay, options.plannedEvery * 3 / 2);
+      at += delay;
+      ++attemptsPerTenth[static_cast<long>(at / 100ms)];
+    }
+  }
+  int peak = 0;
+  for (const auto& [tenth, attempts] : attemptsPerTenth) peak = std::max(peak, attempts);
+  EXPECT_LE(peak, kDevices / 10);
+}
+
 // A cabin's devices all lose the server in the same instant when it restarts;
 // their own random waits must spread the attempts that follow, or the server
 // comes back to a wave of handshakes. Each device's waits stay within the

@@ -66,6 +66,7 @@ class WebSocketEventTransport::Channel : public std::enable_shared_from_this<Cha
 
   void start(QELEventManager& manager);
   void stop();
+  void networkChanged();
   int attempts() const { return attempts_; }
 
   // Reports from the current session.
@@ -86,6 +87,8 @@ class WebSocketEventTransport::Channel : public std::enable_shared_from_this<Cha
   int attempts_ = 0;
   int backoffStep_ = 0;
   Clock::time_point connectedAt_{};
+  // Until when the server's announced restart (1012, 1013) sets the pace.
+  std::optional<Clock::time_point> plannedUntil_;
   std::mt19937 random_;
   std::weak_ptr<Session> session_;
   std::weak_ptr<asio::steady_timer> reconnectTimer_;
@@ -113,6 +116,8 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   void run();
   // Ends the connection without reporting anything.
   void close();
+  // A ping now, when connected.
+  void ping();
 
  private:
   beast::tcp_stream& tcp() { return beast::get_lowest_layer(ws_); }
@@ -161,6 +166,7 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   QELRepeatedLines droppedFrames_;
   bool connected_ = false;
   bool ended_ = false;
+  bool pinging_ = false;
 };
 
 // --- Channel -----------------------------------------------------------------
@@ -169,6 +175,19 @@ void WebSocketEventTransport::Channel::start(QELEventManager& manager) {
   if (running_) return;
   manager_ = &manager;
   running_ = true;
+  backoffStep_ = 0;
+  connect();
+}
+
+void WebSocketEventTransport::Channel::networkChanged() {
+  if (!running_) return;
+  if (auto session = session_.lock()) return session->ping();
+  // Waiting to reconnect: the network that failed is not the one there now.
+  auto timer = reconnectTimer_.lock();
+  if (!timer) return;
+  QELLogging::log("The network changed: reconnecting the event channel now", 3, kDomain);
+  timer->cancel();
+  reconnectTimer_.reset();
   backoffStep_ = 0;
   connect();
 }
@@ -229,8 +248,15 @@ void WebSocketEventTransport::Channel::connect() {
 
 std::optional<Clock::time_point> WebSocketEventTransport::Channel::scheduleReconnect() {
   if (!running_) return std::nullopt;
-  const Clock::duration delay = reconnectDelay(backoffStep_++, options_, random_);
-  QELLogging::log("Reconnecting the event channel in %s", 4, kDomain, seconds(delay));
+  const bool planned = plannedUntil_ && Clock::now() < *plannedUntil_;
+  if (plannedUntil_ && !planned) {
+    // The announced restart took longer than announced: back to the backoff.
+    plannedUntil_.reset();
+    backoffStep_ = 0;
+  }
+  const Clock::duration delay = planned ? plannedDelay(options_, random_) : reconnectDelay(backoffStep_++, options_, random_);
+  QELLogging::log("Reconnecting the event channel in %s%s", 4, kDomain, seconds(delay),
+                  planned ? " (the server announced a restart)" : "");
 
   auto timer = std::make_shared<asio::steady_timer>(RunLoop::current().context(), delay);
   reconnectTimer_ = timer;
@@ -241,6 +267,12 @@ std::optional<Clock::time_point> WebSocketEventTransport::Channel::scheduleRecon
     channel->connect();
   });
   return Clock::now() + delay;
+}
+
+Clock::duration WebSocketEventTransport::plannedDelay(const Options& options, std::mt19937& random) {
+  std::uniform_int_distribution<Clock::rep> distribution(options.plannedEvery.count() / 2,
+                                                          options.plannedEvery.count() * 3 / 2);
+  return Clock::duration(distribution(random));
 }
 
 Clock::duration WebSocketEventTransport::reconnectDelay(int failures, const Options& options, std::mt19937& random) {
@@ -255,6 +287,7 @@ Clock::duration WebSocketEventTransport::reconnectDelay(int failures, const Opti
 void WebSocketEventTransport::Channel::sessionConnected(const Session* session) {
   if (!isCurrent(session)) return;
   connectedAt_ = Clock::now();
+  plannedUntil_.reset();
   TransportMonitor::current().didSucceed(TransportChannel::Events);
   if (!isCurrent(session)) return;
   manager_->transportDidConnect();
@@ -267,6 +300,10 @@ void WebSocketEventTransport::Channel::sessionEnded(const Session* session, bool
   if (wasConnected && Clock::now() - connectedAt_ >= options_.healthyAfter) backoffStep_ = 0;
   // Keep ourselves alive: the manager's targets may stop or replace us.
   auto self = shared_from_this();
+  const bool announced = failure.kind == FailureKind::ClosedByServer &&
+                         (failure.code == static_cast<int>(websocket::close_code::service_restart) ||
+                          failure.code == static_cast<int>(websocket::close_code::try_again_later));
+  if (announced && !plannedUntil_) plannedUntil_ = Clock::now() + options_.plannedWindow;
   // The reason is out before the disconnect, so that whoever reacts to the
   // disconnect can already tell why; a stop from within the disconnect
   // cancels the reconnect again.
@@ -468,6 +505,16 @@ void WebSocketEventTransport::Session::onHandshake(const beast::error_code& erro
   readMore();
 }
 
+void WebSocketEventTransport::Session::ping() {
+  // One ping at a time; one in flight checks the path as well. An unanswered
+  // ping ends the connection at the idle timeout; answered, it measures it.
+  if (!connected_ || ended_ || pinging_) return;
+  pinging_ = true;
+  const std::string sent = std::to_string(Clock::now().time_since_epoch().count());
+  ws_.async_ping(websocket::ping_data(sent.c_str()),
+                 [self = shared_from_this()](const beast::error_code&) { self->pinging_ = false; });
+}
+
 void WebSocketEventTransport::Session::schedulePing() {
   if (options_.roundTripInterval <= Clock::duration::zero()) return;
   pingTimer_.expires_after(options_.roundTripInterval);
@@ -476,10 +523,8 @@ void WebSocketEventTransport::Session::schedulePing() {
 
 void WebSocketEventTransport::Session::onPingTimer(const beast::error_code& error) {
   if (error || ended_) return;
-  const std::string sent = std::to_string(Clock::now().time_since_epoch().count());
-  ws_.async_ping(websocket::ping_data(sent.c_str()), [self = shared_from_this()](const beast::error_code& failed) {
-    if (!failed && !self->ended_) self->schedulePing();
-  });
+  ping();
+  schedulePing();
 }
 
 void WebSocketEventTransport::Session::readMore() {
@@ -576,6 +621,8 @@ WebSocketEventTransport::~WebSocketEventTransport() { channel_->stop(); }
 void WebSocketEventTransport::start(QELEventManager& manager) { channel_->start(manager); }
 
 void WebSocketEventTransport::stop() { channel_->stop(); }
+
+void WebSocketEventTransport::networkChanged() { channel_->networkChanged(); }
 
 int WebSocketEventTransport::connectionAttempts() const { return channel_->attempts(); }
 

@@ -126,6 +126,11 @@ class QEL_EXPORT QELBroadcastMapsHost {
   void stop();
   void setCurrentResolutionWithCGSize(CGSize size);
   void clearCurrentResolution();
+  // The device's network changed (call it from the platform's network
+  // callback: another access point, a new address, a link back up): a
+  // channel waiting to reconnect does so at once, with its backoff reset; a
+  // connected one is checked with a ping.
+  void networkDidChange();
 
   // The latest published snapshot; never empty.
   Snapshot snapshot() const;

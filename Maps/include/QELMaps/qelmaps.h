@@ -341,6 +341,12 @@ QELMAPS_C_API qelmaps_error qelmaps_client_stop(qelmaps_client *client);
 QELMAPS_C_API qelmaps_error qelmaps_client_choose_resolution(qelmaps_client *client, double width,
                                                              double height);
 
+/* Tells the client that the device's network changed; call it from the
+ * platform's network callback (another access point, a new address, a link
+ * back up). A channel waiting to reconnect does so at once, its backoff
+ * reset; a connected one is checked with a ping. Asynchronous. */
+QELMAPS_C_API qelmaps_error qelmaps_client_network_changed(qelmaps_client *client);
+
 /* Forgets the choice: the first listed size is downloaded. Asynchronous. */
 QELMAPS_C_API qelmaps_error qelmaps_client_clear_resolution(qelmaps_client *client);
 

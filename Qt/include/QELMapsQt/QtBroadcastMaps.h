@@ -90,6 +90,9 @@ class QtBroadcastMaps : public QObject {
  public slots:
   void start();
   void stop();
+  // Connect it to the platform's network notification (for example
+  // QNetworkInformation::reachabilityChanged).
+  void networkChanged();
   // An invalid or empty size clears the choice.
   void setResolution(QSize size);
 

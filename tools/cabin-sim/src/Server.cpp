@@ -188,7 +188,7 @@ struct Server::State : std::enable_shared_from_this<Server::State> {
   void advance(bool push);
   void render();
   void broadcast(const std::shared_ptr<const std::string>& frame);
-  void stop();
+  void stop(bool restarting);
   std::size_t openEventSessions() const;
   std::string srcFor(const Resolution& r, std::uint64_t seq) const;
 };
@@ -242,13 +242,14 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
     }
   }
 
-  // A clean close (going away), after the frames already queued.
-  void close(const char* why) {
+  // A clean close (going away, or restarting), after the frames already queued.
+  void close(const char* why, websocket::close_code code = websocket::close_code::going_away) {
     if (closing_) {
       return;
     }
     closing_ = true;
     reason_ = why;
+    code_ = code;
     if (!open_) {
       beast::get_lowest_layer(ws_).close();
       return;
@@ -301,7 +302,7 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
     writing_ = true;
     Outgoing& next = queue_.front();
     if (next.close) {
-      ws_.async_close(websocket::close_reason(websocket::close_code::going_away, reason_),
+      ws_.async_close(websocket::close_reason(code_, reason_),
                       beast::bind_front_handler(&WebSocketSession::on_close, shared_from_this()));
       return;
     }
@@ -339,6 +340,7 @@ class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
   beast::flat_buffer buffer_;
   std::deque<Outgoing> queue_;
   std::string reason_;
+  websocket::close_code code_ = websocket::close_code::going_away;
   bool open_ = false;
   bool writing_ = false;
   bool closing_ = false;
@@ -813,7 +815,7 @@ std::size_t Server::State::openEventSessions() const {
   return n;
 }
 
-void Server::State::stop() {
+void Server::State::stop(bool restarting) {
   if (!running) {
     return;
   }
@@ -826,7 +828,11 @@ void Server::State::stop() {
     session->abort();
   }
   for (WebSocketSession* session : std::vector<WebSocketSession*>(eventSessions.begin(), eventSessions.end())) {
-    session->close("server stopping");
+    if (restarting) {
+      session->close("server restarting", websocket::close_code::service_restart);
+    } else {
+      session->close("server stopping");
+    }
   }
   logLine("stopped");
 }
@@ -860,7 +866,9 @@ std::uint16_t Server::start() {
   return s.port;
 }
 
-void Server::stop() { state_->stop(); }
+void Server::stop() { state_->stop(false); }
+
+void Server::stopForRestart() { state_->stop(true); }
 
 void Server::tick() { state_->advance(true); }
 

@@ -39,8 +39,14 @@ int main(int argc, char** argv) {
     if (ec) {
       return;
     }
+    // SIGTERM is how a service manager restarts a server: the event clients
+    // are told, and come back at once; SIGINT is someone ending it.
     std::cerr << "cabin-sim: signal " << signal << ", stopping\n";
-    server.stop();
+    if (signal == SIGTERM) {
+      server.stopForRestart();
+    } else {
+      server.stop();
+    }
   });
 
   const std::string& host = line->options.host;

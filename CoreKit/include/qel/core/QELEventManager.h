@@ -41,6 +41,10 @@ class EventTransport {
   virtual ~EventTransport() = default;
   virtual void start(QELEventManager& manager) = 0;
   virtual void stop() = 0;
+  // The device's network changed (another access point, an address, a
+  // link back up): a connection in doubt is checked, a wait to reconnect is
+  // cut short. Nothing by default.
+  virtual void networkChanged() {}
 };
 
 // Dispatches server events, and its own connected/disconnected events, to

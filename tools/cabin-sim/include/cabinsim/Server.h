@@ -73,6 +73,9 @@ class Server {
 
   // Closes the listening socket and every connection and cancels the timers.
   void stop();
+  // As stop(), but says so to the event clients: their connections close
+  // with 1012 (service restart), so that they come back as soon as it is up.
+  void stopForRestart();
 
   // Advances the flight now: renders the next maps and pushes the update.
   // The periodic ticks continue on their own schedule.

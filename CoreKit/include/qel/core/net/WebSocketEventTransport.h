@@ -53,6 +53,11 @@ class WebSocketEventTransport : public EventTransport {
   static constexpr std::chrono::seconds kHealthyAfter{60};
   static constexpr std::size_t kMaximumFrameSize = 1024 * 1024;
   static constexpr std::chrono::seconds kRoundTripInterval{15};
+  // A server that closes with 1012 (restarting) or 1013 (try again later)
+  // is back soon: attempts follow every kPlannedEvery, jittered by half of it
+  // either way, for up to kPlannedWindow, before the growing backoff.
+  static constexpr std::chrono::milliseconds kPlannedEvery{2000};
+  static constexpr std::chrono::seconds kPlannedWindow{60};
 
   struct Options {
     // Bounds resolving, connecting and each of the TLS and WebSocket handshakes.
@@ -71,6 +76,8 @@ class WebSocketEventTransport : public EventTransport {
     // How often an open channel is pinged to measure the round trip (the
     // TransportMonitor hears of each); zero: never.
     std::chrono::steady_clock::duration roundTripInterval = kRoundTripInterval;
+    std::chrono::steady_clock::duration plannedEvery = kPlannedEvery;
+    std::chrono::steady_clock::duration plannedWindow = kPlannedWindow;
     // Used instead of QELConfiguration::current() when set.
     std::optional<QELConfiguration> configuration;
   };
@@ -90,6 +97,14 @@ class WebSocketEventTransport : public EventTransport {
   // The wait before reconnecting after `failures` attempts (0 after losing a
   // connection): uniform between zero and the bound of that step.
   static std::chrono::steady_clock::duration reconnectDelay(int failures, const Options& options, std::mt19937& random);
+  // The wait before an attempt while a server's announced restart lasts:
+  // uniform within half of plannedEvery either side of it, so that a cabin's
+  // devices come back spread over the interval, each at a bounded rate.
+  static std::chrono::steady_clock::duration plannedDelay(const Options& options, std::mt19937& random);
+
+  // Checks an open connection with a ping, or reconnects at once, the
+  // backoff reset, when the channel waits to reconnect.
+  void networkChanged() override;
 
  private:
   class Channel;
