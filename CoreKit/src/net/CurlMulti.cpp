@@ -81,8 +81,17 @@ void CurlMulti::destroyMulti() {
   watches_.clear();
 }
 
+void CurlMulti::hold(std::shared_ptr<void> owner) { held_.push_back(std::move(owner)); }
+
+void CurlMulti::release(const void* owner) {
+  std::erase_if(held_, [owner](const std::shared_ptr<void>& held) { return held.get() == owner; });
+}
+
 void CurlMulti::shutdown() {
   lifetime_.reset();
+  // Released outside the vector: their destructors may come back here.
+  auto held = std::exchange(held_, {});
+  held.clear();
   idleTimer_.cancel();
   if (multi_) {
     // Whatever is still running goes quietly: the loop is going away.

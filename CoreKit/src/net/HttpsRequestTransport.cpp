@@ -77,14 +77,21 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     lookup.fixedHosts = configuration.resolve;
     lookup.servers = configuration.dnsServers;
     resolver_ = std::make_unique<Resolver>(ioContext, std::move(lookup));
+    // The loop's multi keeps the attempt through its lookup: a strong
+    // reference in the lookup's own callback would hold the resolver that
+    // holds it, for ever if the loop ends first.
+    lifetime_ = multi_.lifetime();
+    multi_.hold(shared_from_this());
     resolver_->resolve(endpoint_.host, endpoint_.port,
-                       [self = shared_from_this()](const std::string& error, Resolver::Endpoints endpoints) {
-                         self->onResolved(error, std::move(endpoints));
+                       [weakSelf = weak_from_this()](const std::string& error, Resolver::Endpoints endpoints) {
+                         if (auto self = weakSelf.lock()) self->onResolved(error, std::move(endpoints));
                        });
     return true;
   }
 
   void onResolved(const std::string& error, const Resolver::Endpoints& endpoints) {
+    const auto self = shared_from_this();
+    if (lifetime_.lock()) multi_.release(this);
     if (!completion_) return;
     timing_.nameLookupDone = std::chrono::steady_clock::now();
     if (!error.empty()) return fail(networkError(NetworkErrorCode::Resolve, error));
@@ -208,7 +215,10 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     if (!completion_) return;
     completion_ = nullptr;
     const auto self = shared_from_this();  // the multi may hold the last reference
-    if (lifetime_.lock()) multi_.remove(easy_);
+    if (lifetime_.lock()) {
+      multi_.remove(easy_);
+      multi_.release(this);
+    }
     if (resolver_) resolver_->cancel();
     releaseEasy();
   }

@@ -14,6 +14,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <vector>
 #include <unordered_map>
 
 namespace qel::core::net {
@@ -66,6 +67,11 @@ class CurlMulti : public boost::asio::execution_context::service {
 
   // Expires when the multi handle goes with its io_context.
   std::weak_ptr<void> lifetime() const { return lifetime_; }
+  // Keeps `owner` alive until release(), or until the loop goes: for what
+  // waits on something other than a transfer (a name lookup) and must not
+  // outlive the loop by holding itself.
+  void hold(std::shared_ptr<void> owner);
+  void release(const void* owner);
   std::size_t runningCount() const { return running_.size(); }
   // Closes every connection that no transfer uses (all of them: it is only
   // done with no transfer running).
@@ -80,6 +86,7 @@ class CurlMulti : public boost::asio::execution_context::service {
   void shutdown() override;
   void createMulti();
   void destroyMulti();
+  std::vector<std::shared_ptr<void>> held_;
 
   static int onSocket(CURL* easy, curl_socket_t socket, int what, void* self, void* socketData);
   static int onTimer(CURLM* multi, long timeoutMs, void* self);
