@@ -77,8 +77,10 @@ QELBroadcastMapsHost::Snapshot QELBroadcastMapsHost::snapshot() const { return b
 std::shared_ptr<const QELBroadcastMapsStats> QELBroadcastMapsHost::stats() const {
   // The age as of now, not as of when the counters last changed.
   auto stats = std::make_shared<QELBroadcastMapsStats>(*boundary_->stats());
-  const auto& last = boundary_->snapshot()->lastPicture;
-  if (last.image) stats->pictureAge = std::chrono::duration<double>(last.age()).count();
+  const auto snapshot = boundary_->snapshot();  // held: the loop may publish another meanwhile
+  if (snapshot->lastPicture.image) {
+    stats->pictureAge = std::chrono::duration<double>(snapshot->lastPicture.age()).count();
+  }
   return stats;
 }
 
