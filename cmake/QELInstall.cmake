@@ -17,9 +17,12 @@ install(FILES
   Maps/include/QELMaps/QELBroadcastMapsHost.h
   Maps/include/QELMaps/QELBroadcastMapsNotifications.h
   Maps/include/QELMaps/QELBroadcastMapsSnapshot.h
+  Maps/include/QELMaps/QELBroadcastMapsStatus.h
+  Maps/include/QELMaps/QELBroadcastMapsTrace.h
   Maps/include/QELMaps/QELBroadcastMapsV1.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/QELMaps COMPONENT cxxdevelopment)
 install(FILES
+  Platform/include/qel/Data.h
   Platform/include/qel/Export.h
   Platform/include/qel/Format.h
   Platform/include/qel/Geometry.h
@@ -31,7 +34,11 @@ install(FILES
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qel COMPONENT cxxdevelopment)
 install(FILES
   CoreKit/include/qel/core/QELHostname.h
+  CoreKit/include/qel/core/QELRequest.h
+  CoreKit/include/qel/core/RequestTransport.h
+  CoreKit/include/qel/core/ResponseCache.h
   CoreKit/include/qel/core/SkelionService.h
+  CoreKit/include/qel/core/TransportMonitor.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qel/core COMPONENT cxxdevelopment)
 
 install(TARGETS QELMapsLibrary EXPORT QELMapsTargets
