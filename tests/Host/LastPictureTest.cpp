@@ -108,7 +108,8 @@ TEST(LastPictureTest, OutlivesAnOutageStaleAndComesBackFromTheCacheBeforeAnyConn
     shown = host->snapshot()->lastPicture;
     EXPECT_FALSE(shown.fromCache);
     EXPECT_EQ(shown.source, "/maps/400x300/1.png");
-    EXPECT_TRUE(fs::is_regular_file(cache.path / "map-400x300.entry"));
+    // Kept once the service has shown it, a turn of the loop after the snapshot.
+    EXPECT_TRUE(waitFor(*host, [&](const auto&) { return fs::is_regular_file(cache.path / "map-400x300.entry"); }));
 
     // The server goes: the service's picture empties, the last one stays,
     // stale, received when it was.
