@@ -9,7 +9,7 @@ ImportError says where it looked and how to fix it.
 import ctypes
 import ctypes.util
 import os
-from typing import Any, List, Tuple
+from typing import Any, Callable, List, Tuple
 
 class Size(ctypes.Structure):
     _fields_ = [("width", ctypes.c_double), ("height", ctypes.c_double)]
@@ -42,6 +42,9 @@ LOG = ctypes.CFUNCTYPE(None, ctypes.c_int, ctypes.c_char_p, ctypes.c_char_p, cty
 
 
 _SONAME = "libqelmaps.so.1"
+
+
+_OK, _BUFFER_TOO_SMALL = 0, 5
 
 
 def _candidates() -> List[str]:
@@ -128,3 +131,19 @@ def _load() -> ctypes.CDLL:
 
 
 lib = _load()
+
+
+def copy_text(read: Callable[..., Any]) -> Tuple[int, str]:
+    """A text the C API copies out, read as ``read(buffer, capacity, length)``:
+    its length first, then the text. The text is live (a stats document's
+    counters, a status line) and may have grown between the two calls, so
+    the copy is tried again, with room for the new length, until it fits.
+    Returns the last call's code and the text."""
+    length = ctypes.c_size_t()
+    code = int(read(None, 0, ctypes.byref(length)))
+    while code == _BUFFER_TOO_SMALL or code == _OK:
+        buffer = ctypes.create_string_buffer(length.value + 64)
+        code = int(read(buffer, len(buffer), ctypes.byref(length)))
+        if code != _BUFFER_TOO_SMALL:
+            return code, buffer.value.decode("utf-8", "replace")
+    return code, ""

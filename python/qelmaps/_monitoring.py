@@ -6,7 +6,7 @@ import dataclasses
 import json
 from typing import Any, Callable, Dict, Optional
 
-from ._library import Trace as _Trace, lib as _lib
+from ._library import Trace as _Trace, copy_text, lib as _lib
 from ._status import Failure
 
 
@@ -54,9 +54,7 @@ def trace_from(raw: _Trace) -> Trace:
 
 
 def read_stats(handle: ctypes.c_void_p, check: Callable[[int, str], None]) -> Dict[str, Any]:
-    length = ctypes.c_size_t()
-    check(_lib.qelmaps_client_stats(handle, None, 0, ctypes.byref(length)), "stats")
-    buffer = ctypes.create_string_buffer(length.value + 1)
-    check(_lib.qelmaps_client_stats(handle, buffer, len(buffer), ctypes.byref(length)), "stats")
-    document: Dict[str, Any] = json.loads(buffer.value.decode())
+    code, text = copy_text(lambda b, c, n: _lib.qelmaps_client_stats(handle, b, c, n))
+    check(code, "stats")
+    document: Dict[str, Any] = json.loads(text)
     return document

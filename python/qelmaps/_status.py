@@ -10,7 +10,7 @@ import dataclasses
 import enum
 from typing import Any, Callable, Optional
 
-from ._library import ChannelStatus as _ChannelStatus, Status as _Status, lib as _lib
+from ._library import ChannelStatus as _ChannelStatus, Status as _Status, copy_text, lib as _lib
 
 
 class Phase(enum.Enum):
@@ -72,12 +72,7 @@ class Status:
 
 
 def _text(read: Callable[..., Any]) -> str:
-    """A text the C API copies out: its length first, then the text."""
-    length = ctypes.c_size_t()
-    read(None, 0, ctypes.byref(length))
-    buffer = ctypes.create_string_buffer(length.value + 1)
-    read(buffer, len(buffer), ctypes.byref(length))
-    return buffer.value.decode("utf-8", "replace")
+    return copy_text(read)[1]
 
 
 def read(handle: ctypes.c_void_p, check: Callable[[int, str], None]) -> Status:

@@ -540,7 +540,9 @@ QELMAPS_C_API qelmaps_error qelmaps_config_set_trace_callback(qelmaps_config *co
 
 /* Copies the stats document, a JSON object of the counters since the client
  * was made (the README's "Monitoring" lists the keys), as
- * qelmaps_client_failure_message() copies text. Any thread.
+ * qelmaps_client_failure_message() copies text. Any thread. The document is
+ * live: the length a first call reports may be short by the time of the
+ * next, so on BUFFER_TOO_SMALL call again with the newly written length.
  * Errors: NULL_ARGUMENT, BUFFER_TOO_SMALL, OUT_OF_MEMORY. */
 QELMAPS_C_API qelmaps_error qelmaps_client_stats(qelmaps_client *client, char *buffer, size_t capacity,
                                                  size_t *length);
