@@ -137,6 +137,12 @@ QELConfiguration withFallbacks(QELConfiguration result) {
     const auto entries = environmentInteger("QEL_MAX_MAP_ENTRIES", 1, 1'000'000);
     result.maxMapEntries = static_cast<std::size_t>(entries.value_or(kDefaultMaxMapEntries));
   }
+  if (result.reconnect && !result.reconnect->valid()) {
+    QELLogging::log("Ignoring the reconnect policy: each wait needs a positive start, a multiplier of at least 1, "
+                    "a cap not below the start and a jitter within [0, 1].", 2, kDomain);
+    result.reconnect.reset();
+  }
+  if (!result.reconnect) result.reconnect = ReconnectPolicy{};
   if (!result.logThreshold) {
     const auto level = environmentInteger("QEL_LOG_LEVEL", 0, 100);
     result.logThreshold = level ? static_cast<int>(*level) : kDefaultLogThreshold;

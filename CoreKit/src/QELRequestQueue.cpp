@@ -1,5 +1,6 @@
 #include "qel/core/QELRequestQueue.h"
 
+#include "qel/core/QELHostname.h"
 #include "qel/core/QELLogging.h"
 #include "qel/core/TransportMonitor.h"
 
@@ -181,7 +182,7 @@ void QELRequestQueue::State::attemptDidComplete(const std::shared_ptr<Entry>& en
   };
   if (result.error && entry->failures < entry->request->numberOfRetries()) {
     ++entry->failures;
-    const auto delay = retryDelay(entry->failures, result.retryAfter, random);
+    const auto delay = retryDelay(*QELConfiguration::current()->reconnect, entry->failures, result.retryAfter, random);
     monitor.didFail(channel, failure(), loop->now() + delay);
     QELLogging::log("Attempt %d for %s failed (%s); retrying in %d ms.", 4, kDomain, entry->failures,
                     entry->request->requestURL().value_or(""), result.error->localizedDescription,
@@ -286,17 +287,12 @@ std::size_t QELRequestQueue::operationCount() const {
   return state_->waiting.size() - state_->cancelledWaiting + state_->active.size();
 }
 
-RunLoop::Duration QELRequestQueue::retryDelay(int retry, std::optional<std::chrono::seconds> retryAfter,
-                                              std::mt19937& random) {
-  using Milliseconds = std::chrono::milliseconds;
-  Milliseconds bound = kFirstRetryDelay;
-  for (int step = 1; step < retry && bound < kMaximumRetryDelay; ++step) bound *= kRetryDelayGrowth;
-  bound = std::min<Milliseconds>(bound, kMaximumRetryDelay);
-  std::uniform_int_distribution<Milliseconds::rep> distribution(bound.count() * 3 / 4, bound.count());
-  Milliseconds delay(distribution(random));
+RunLoop::Duration QELRequestQueue::retryDelay(const ReconnectPolicy& policy, int retry,
+                                              std::optional<std::chrono::seconds> retryAfter, std::mt19937& random) {
+  RunLoop::Duration delay = policy.requests.draw(retry - 1, random);
   // A server that says when it will be back is taken at its word, within reason.
-  if (retryAfter) delay = std::max<Milliseconds>(delay, std::clamp<Milliseconds>(*retryAfter, {}, kMaximumRetryAfter));
-  return std::chrono::duration_cast<RunLoop::Duration>(delay);
+  if (retryAfter) delay = std::max<RunLoop::Duration>(delay, std::clamp(*retryAfter, {}, policy.maximumRetryAfter));
+  return delay;
 }
 
 }  // namespace qel::core

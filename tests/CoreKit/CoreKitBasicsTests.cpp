@@ -1,9 +1,14 @@
 #include <qel/core/CoreKit.h>
+#include <qel/core/ReconnectPolicy.h>
 #include <qel/core/testing/ScriptedTransports.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
+#include <map>
+#include <random>
 #include <regex>
 #include <string>
 #include <utility>
@@ -12,6 +17,7 @@
 namespace qel::core {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::ScriptedEnvironment;
 
 // Counts how often it is described, to see whether a line was formatted.
@@ -151,6 +157,59 @@ TEST_F(QELConfigurationTest, InvalidEnvironmentValuesFallBackToTheDefaultsWithAL
   QELConfiguration::reread();
   EXPECT_EQ(QELConfiguration::effective().port, 443);
   EXPECT_EQ(env_.logsContaining("QEL_SKELION_PORT").size(), 2u);
+}
+
+// Random policies against the arithmetic written out: each step's bound is
+// the start times the multiplier to the step, capped; each draw lies within
+// the jitter's share below the bound; a policy outside the rules is not valid.
+TEST(BackoffTest, DrawsStayWithinTheGrowingCappedBoundAndItsJitter) {
+  std::mt19937 random(7);
+  for (int policy = 0; policy < 200; ++policy) {
+    const Backoff backoff{std::chrono::milliseconds(std::uniform_int_distribution(1, 5000)(random)),
+                          std::uniform_real_distribution(1.0, 6.0)(random),
+                          std::chrono::milliseconds(std::uniform_int_distribution(5000, 120000)(random)),
+                          std::uniform_real_distribution(0.0, 1.0)(random)};
+    ASSERT_TRUE(backoff.valid());
+    for (int step = 0; step < 30; ++step) {
+      const double expected = std::min(backoff.initial.count() * std::pow(backoff.multiplier, step),
+                                       static_cast<double>(backoff.maximum.count()));
+      const auto bound = backoff.bound(step);
+      ASSERT_NEAR(static_cast<double>(bound.count()), expected, 1.0 + expected * 1e-9) << "step " << step;
+      for (int draw = 0; draw < 20; ++draw) {
+        const auto wait = backoff.draw(step, random);
+        ASSERT_LE(wait, bound);
+        const std::chrono::duration<double, std::milli> lowest = bound * (1 - backoff.jitter) - 1ms;
+        ASSERT_GE(wait, lowest);
+      }
+    }
+  }
+  EXPECT_EQ(Backoff({1s, 2.0, 30s, 0.0}).draw(40, random), 30s);
+  EXPECT_EQ(Backoff({1s, 1e300, 30s, 0.0}).bound(1000), 30s);
+  for (const Backoff& invalid : {Backoff{0s, 2.0, 30s, 1.0}, Backoff{1s, 0.9, 30s, 1.0}, Backoff{1s, 2.0, 500ms, 1.0},
+                                 Backoff{1s, 2.0, 30s, -0.1}, Backoff{1s, 2.0, 30s, 1.5},
+                                 Backoff{1s, std::nan(""), 30s, 1.0}}) {
+    EXPECT_FALSE(invalid.valid()) << invalid.initial.count() << " " << invalid.multiplier;
+  }
+}
+
+// A cabin's devices all lose the server in the same instant when it restarts;
+// the default event backoff must spread the attempts that follow, or the
+// server comes back to a wave of handshakes.
+TEST(BackoffTest, TheDefaultEventBackoffSpreadsACabinLosingItsServer) {
+  const Backoff backoff = ReconnectPolicy{}.events;
+  constexpr int kDevices = 300;
+  std::map<long, int> attemptsPerTenth;
+  for (int device = 0; device < kDevices; ++device) {
+    std::mt19937 random(static_cast<unsigned>(device));
+    std::chrono::steady_clock::duration at{};
+    for (int failures = 0; failures < 40; ++failures) {
+      at += backoff.draw(failures, random);
+      ++attemptsPerTenth[static_cast<long>(at / 100ms)];
+    }
+  }
+  const auto peak = std::max_element(attemptsPerTenth.begin(), attemptsPerTenth.end(),
+                                     [](const auto& a, const auto& b) { return a.second < b.second; });
+  EXPECT_LT(peak->second, kDevices / 5) << "at " << peak->first * 100 << " ms";
 }
 
 }  // namespace

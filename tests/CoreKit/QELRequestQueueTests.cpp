@@ -137,6 +137,35 @@ TEST_F(QELRequestQueueTest, RetriesWithGrowingJitteredDelaysKeepingTheSlotThenTe
   EXPECT_EQ(delegate_->outcomes, (Urls{"fail /a unavailable", "finish /b ok", "finish /c ok"}));
 }
 
+// An application's policy replaces the windows above: exact waits here (no
+// jitter), growing threefold to a cap, and Retry-After heeded up to its own
+// limit. A policy that makes no sense is refused for the defaults.
+TEST_F(QELRequestQueueTest, RetriesFollowTheConfiguredPolicy) {
+  QELConfiguration configuration;
+  configuration.reconnect = ReconnectPolicy{};
+  configuration.reconnect->requests = {100ms, 3.0, 1s, 0.0};
+  configuration.reconnect->maximumRetryAfter = 5s;
+  QELConfiguration::set(configuration);
+  queue_->addRequest(request("/a", 6));
+  runPending();
+  for (const auto& [wait, retryAfter] : std::vector<std::pair<RunLoop::Duration, std::chrono::seconds>>{
+           {100ms, 0s}, {300ms, 0s}, {900ms, 0s}, {1s, 0s}, {5s, 60s}, {2s, 2s}}) {
+    const auto before = env_.requests().attempts().size();
+    env_.requests().failNext("unavailable", retryAfter.count() ? std::optional(retryAfter) : std::nullopt);
+    runPending();
+    advance(wait - 1ms);
+    EXPECT_EQ(env_.requests().attempts().size(), before) << "early, after " << before << " attempts";
+    advance(1ms);
+    ASSERT_EQ(env_.requests().attempts().size(), before + 1) << "late, after " << before << " attempts";
+  }
+  finishNext("ok");
+
+  configuration.reconnect->requests.multiplier = 0.5;
+  QELConfiguration::set(configuration);
+  EXPECT_EQ(QELConfiguration::current()->reconnect, ReconnectPolicy{});
+  QELConfiguration::set({});
+}
+
 TEST_F(QELRequestQueueTest, CancelInEachStateSilencesTheRequestAndFreesItsSlot) {
   queue_->setMaxConcurrentOperationCount(1);
   auto early = request("/early"), running = request("/running"), waiting = request("/waiting");

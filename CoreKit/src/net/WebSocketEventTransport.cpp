@@ -78,6 +78,8 @@ class WebSocketEventTransport::Channel : public std::enable_shared_from_this<Cha
   void connect();
   // When the next attempt starts (none when stopped).
   std::optional<Clock::time_point> scheduleReconnect();
+  // The options' backoff, else the configuration's.
+  Backoff backoff() const;
   bool isCurrent(const Session* session) const;
 
   Options options_;
@@ -254,7 +256,7 @@ std::optional<Clock::time_point> WebSocketEventTransport::Channel::scheduleRecon
     plannedUntil_.reset();
     backoffStep_ = 0;
   }
-  const Clock::duration delay = planned ? plannedDelay(options_, random_) : reconnectDelay(backoffStep_++, options_, random_);
+  const Clock::duration delay = planned ? plannedDelay(options_, random_) : backoff().draw(backoffStep_++, random_);
   QELLogging::log("Reconnecting the event channel in %s%s", 4, kDomain, seconds(delay),
                   planned ? " (the server announced a restart)" : "");
 
@@ -275,13 +277,10 @@ Clock::duration WebSocketEventTransport::plannedDelay(const Options& options, st
   return Clock::duration(distribution(random));
 }
 
-Clock::duration WebSocketEventTransport::reconnectDelay(int failures, const Options& options, std::mt19937& random) {
-  // Full jitter: a random wait up to the bound, so that every device in the
-  // cabin does not come back in the same instant after the server restarts.
-  const int step = std::clamp(failures, 0, 20);  // the bound is long capped by then
-  const auto bound = std::min<Clock::duration>(options.maximumBackoff, options.initialBackoff * (1LL << step));
-  std::uniform_int_distribution<Clock::rep> distribution(0, bound.count());
-  return Clock::duration(distribution(random));
+Backoff WebSocketEventTransport::Channel::backoff() const {
+  if (options_.backoff) return *options_.backoff;
+  if (options_.configuration) return options_.configuration->reconnect.value_or(ReconnectPolicy{}).events;
+  return QELConfiguration::current()->reconnect.value_or(ReconnectPolicy{}).events;
 }
 
 void WebSocketEventTransport::Channel::sessionConnected(const Session* session) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "qel/core/ReconnectPolicy.h"
+
 #include <qel/Export.h>
 
 #include <cstddef>
@@ -22,6 +24,7 @@ namespace qel::core {
 //   dnsServers      QEL_DNS_SERVERS        (the system's name servers)
 //   maxPixels       QEL_MAX_PIXELS         16777216 (a decoded picture's budget)
 //   maxMapEntries   QEL_MAX_MAP_ENTRIES    256 (entries of the map record)
+//   reconnect       (none)                 ReconnectPolicy's defaults
 // `resolve` has no fallback.
 struct QEL_EXPORT QELConfiguration {
   std::optional<std::string> host;
@@ -45,6 +48,9 @@ struct QEL_EXPORT QELConfiguration {
   // record hold more entries is refused whole.
   std::optional<std::uint64_t> maxPixels;
   std::optional<std::size_t> maxMapEntries;
+  // How the event channel and failed requests wait before trying again; a
+  // policy that is not valid() is logged and the defaults used instead.
+  std::optional<ReconnectPolicy> reconnect;
 
   // Replaces the application's settings (the log threshold is applied now).
   static void set(const QELConfiguration& configuration);

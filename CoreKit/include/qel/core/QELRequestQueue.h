@@ -1,6 +1,7 @@
 #pragma once
 
 #include "qel/core/QELRequest.h"
+#include "qel/core/ReconnectPolicy.h"
 #include "qel/core/RequestTransport.h"
 
 #include <qel/RunLoop.h>
@@ -14,11 +15,11 @@ namespace qel::core {
 // Runs requests first in, first out, never more than a set number at a time.
 //
 // A failed attempt is sent again up to the request's numberOfRetries(), after
-// a delay that grows with each try (up to 2 s, 10 s, then 30 s at most, each
-// between three quarters of that and all of it, so that a cabin's devices do
-// not come back together) and is never shorter than the server's
-// Retry-After (heeded up to a minute); the request keeps its place while it
-// waits. Three retries thus span more than half a minute: a server that is
+// a delay that grows with each try (by default up to 2 s, 10 s, then 30 s at
+// most, each between three quarters of that and all of it, so that a cabin's
+// devices do not come back together; the configuration's reconnect policy
+// sets it) and is never shorter than the server's Retry-After (heeded up to
+// a minute); the request keeps its place while it waits. Three retries thus span more than half a minute: a server that is
 // down for that long still answers one of them. Only then does the delegate
 // hear of the failure. A finished, failed or cancelled request lets the next one start.
 // Every delegate call comes from the run loop, never from within addRequest().
@@ -55,16 +56,11 @@ class QELRequestQueue : public Object {
   // Requests waiting plus running.
   std::size_t operationCount() const;
 
-  static constexpr std::chrono::seconds kFirstRetryDelay{2};
-  static constexpr int kRetryDelayGrowth = 5;
-  static constexpr std::chrono::seconds kMaximumRetryDelay{30};
-  static constexpr std::chrono::seconds kMaximumRetryAfter{60};
-
-  // Delay before retry number `retry` (1-based): a random wait between three
-  // quarters of that retry's bound and the bound, but never before the
-  // server's Retry-After, taken up to kMaximumRetryAfter.
-  static RunLoop::Duration retryDelay(int retry, std::optional<std::chrono::seconds> retryAfter,
-                                      std::mt19937& random);
+  // Delay before retry number `retry` (1-based): the policy's request
+  // backoff, but never before the server's Retry-After, taken up to the
+  // policy's maximumRetryAfter.
+  static RunLoop::Duration retryDelay(const ReconnectPolicy& policy, int retry,
+                                      std::optional<std::chrono::seconds> retryAfter, std::mt19937& random);
 
  private:
   struct State;

@@ -2,6 +2,7 @@
 
 #include "qel/core/QELEventManager.h"
 #include "qel/core/QELHostname.h"
+#include "qel/core/ReconnectPolicy.h"
 
 #include <chrono>
 #include <cstddef>
@@ -28,13 +29,12 @@ namespace qel::core::net {
 // The WebSocket handshake completing is "connected"; the connection closing
 // or failing is "disconnected", reported once per connection (an attempt that
 // never connected reports nothing). The transport then reconnects on its own,
-// after a random delay between zero and a bound that starts at 2 s and
-// doubles with each attempt up to 30 s; a connection that stayed up a minute
-// resets the bound. The first bound is what spreads a cabin: every device
-// loses the server in the same instant when it restarts, and a few hundred
-// first attempts drawn over 2 s put about a twentieth of them in any 100 ms
-// (over 0.5 s it was a fifth, with peaks well above). A connection silent for half of kDeadAfter is pinged; one
-// that has said nothing, not even a pong, for kDeadAfter is taken for dead.
+// after a wait drawn from the reconnect policy's event backoff (by default
+// between zero and a bound that starts at 2 s and doubles with each attempt
+// up to 30 s); a connection that stayed up a minute starts it again. A
+// connection silent for half of deadAfter is pinged; one that has said
+// nothing, not even a pong, for deadAfter is taken for dead, so a link that
+// silently stopped carrying anything is noticed within deadAfter.
 //
 // Without a configured host the transport logs that once and stays
 // disconnected.
@@ -48,8 +48,6 @@ class WebSocketEventTransport : public EventTransport {
   static constexpr std::chrono::milliseconds kAttemptDelay{250};
   static constexpr int kMaximumAttempts = 8;
   static constexpr std::chrono::seconds kDeadAfter{20};
-  static constexpr std::chrono::milliseconds kInitialBackoff{2000};
-  static constexpr std::chrono::seconds kMaximumBackoff{30};
   static constexpr std::chrono::seconds kHealthyAfter{60};
   static constexpr std::size_t kMaximumFrameSize = 1024 * 1024;
   static constexpr std::chrono::seconds kRoundTripInterval{15};
@@ -69,8 +67,8 @@ class WebSocketEventTransport : public EventTransport {
     // addresses holds no more descriptors than this.
     int maximumAttempts = kMaximumAttempts;
     std::chrono::steady_clock::duration deadAfter = kDeadAfter;
-    std::chrono::steady_clock::duration initialBackoff = kInitialBackoff;
-    std::chrono::steady_clock::duration maximumBackoff = kMaximumBackoff;
+    // Unset: the configuration's reconnect policy (its event backoff).
+    std::optional<Backoff> backoff;
     std::chrono::steady_clock::duration healthyAfter = kHealthyAfter;
     std::size_t maximumFrameSize = kMaximumFrameSize;
     // How often an open channel is pinged to measure the round trip (the
@@ -94,9 +92,6 @@ class WebSocketEventTransport : public EventTransport {
   // Connection attempts since construction.
   int connectionAttempts() const;
 
-  // The wait before reconnecting after `failures` attempts (0 after losing a
-  // connection): uniform between zero and the bound of that step.
-  static std::chrono::steady_clock::duration reconnectDelay(int failures, const Options& options, std::mt19937& random);
   // The wait before an attempt while a server's announced restart lasts:
   // uniform within half of plannedEvery either side of it, so that a cabin's
   // devices come back spread over the interval, each at a bounded rate.
