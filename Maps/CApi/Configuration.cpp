@@ -10,7 +10,19 @@
 
 namespace {
 
+using qel::core::Backoff;
 using qel::core::QELConfiguration;
+using qel::core::ReconnectPolicy;
+
+Backoff* backoffOf(ReconnectPolicy& policy, qelmaps_backoff_kind kind) {
+  switch (kind) {
+    case QELMAPS_BACKOFF_EVENTS:
+      return &policy.events;
+    case QELMAPS_BACKOFF_REQUESTS:
+      return &policy.requests;
+  }
+  return nullptr;
+}
 
 // Strings are copied now: the caller's memory stays the caller's.
 template <typename Assign>
@@ -72,6 +84,29 @@ qelmaps_error qelmaps_config_set_max_pixels(qelmaps_config* config, uint64_t pix
   if (!config) return QELMAPS_ERROR_NULL_ARGUMENT;
   if (pixels == 0) return QELMAPS_ERROR_INVALID_ARGUMENT;
   config->configuration.maxPixels = pixels;
+  return QELMAPS_OK;
+}
+
+qelmaps_error qelmaps_backoff_default(qelmaps_backoff_kind kind, qelmaps_backoff* backoff) {
+  if (!backoff) return QELMAPS_ERROR_NULL_ARGUMENT;
+  ReconnectPolicy defaults;
+  const auto* chosen = backoffOf(defaults, kind);
+  if (!chosen) return QELMAPS_ERROR_INVALID_ARGUMENT;
+  *backoff = {static_cast<std::uint32_t>(chosen->initial.count()), chosen->multiplier,
+              static_cast<std::uint32_t>(chosen->maximum.count()), chosen->jitter};
+  return QELMAPS_OK;
+}
+
+qelmaps_error qelmaps_config_set_backoff(qelmaps_config* config, qelmaps_backoff_kind kind,
+                                         const qelmaps_backoff* backoff) {
+  if (!config || !backoff) return QELMAPS_ERROR_NULL_ARGUMENT;
+  const Backoff wanted{std::chrono::milliseconds(backoff->initial_ms), backoff->multiplier,
+                       std::chrono::milliseconds(backoff->maximum_ms), backoff->jitter};
+  auto policy = config->configuration.reconnect.value_or(ReconnectPolicy{});
+  auto* chosen = backoffOf(policy, kind);
+  if (!chosen || !wanted.valid()) return QELMAPS_ERROR_INVALID_ARGUMENT;
+  *chosen = wanted;
+  config->configuration.reconnect = policy;
   return QELMAPS_OK;
 }
 

@@ -29,6 +29,7 @@ For asyncio, ``AsyncClient`` delivers the same events on the running loop:
 
 from ._asyncio import AsyncClient
 from ._monitoring import Trace
+from ._reconnect import Backoff
 from ._status import ChannelFailure, Failure, Phase, Status
 from ._client import (
     AVAILABLE_RESOLUTIONS_DID_CHANGE,
@@ -50,6 +51,7 @@ from ._client import (
 __all__ = [
     "AVAILABLE_RESOLUTIONS_DID_CHANGE",
     "AsyncClient",
+    "Backoff",
     "ERROR",
     "IMAGE_DID_CHANGE",
     "IMAGE_DID_START_RECEIVING_IMAGE",

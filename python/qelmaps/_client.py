@@ -9,7 +9,7 @@ import threading
 from typing import Any, Callable, Dict, List, NamedTuple, Optional, Tuple, TypeVar, cast
 
 # The library and the C API's types, loaded once per process.
-from . import _monitoring, _status
+from . import _monitoring, _reconnect, _status
 from ._library import CALLBACK as _CALLBACK, TRACE as _TRACE, DISPATCH as _DISPATCH, LOG as _LOG, Size as _Size, lib as _lib
 
 
@@ -151,6 +151,9 @@ class Client:
     After ``close()`` returns no callback runs any more, and every method
     raises ClosedError; a call running on another thread finishes first.
     Settings left out fall back to the QEL_* environment variables.
+    ``event_backoff`` and ``retry_backoff`` (``Backoff``) replace how long
+    the event channel and a failed map data request wait before trying
+    again.
     """
 
     def __init__(self, host: Optional[str] = None, port: Optional[int] = None, ca_file: Optional[str] = None,
@@ -158,7 +161,9 @@ class Client:
                  log: Optional[Callable[[int, str, str], None]] = None,
                  handlers: "Optional[Dict[Event | str, Handler]]" = None,
                  cache_dir: "Optional[str | os.PathLike[str]]" = None,
-                 on_trace: "Optional[Callable[[_monitoring.Trace], None]]" = None):
+                 on_trace: "Optional[Callable[[_monitoring.Trace], None]]" = None,
+                 event_backoff: "Optional[_reconnect.Backoff]" = None,
+                 retry_backoff: "Optional[_reconnect.Backoff]" = None):
         self._handlers: Dict[Event, List[Handler]] = {}
         self._tasks: "queue.SimpleQueue[object]" = queue.SimpleQueue()
         self._lock = threading.Lock()
@@ -189,6 +194,7 @@ class Client:
                 _check(_lib.qelmaps_config_set_log_threshold(config, log_level), "log_level")
             if cache_dir is not None:
                 _check(_lib.qelmaps_config_set_cache_dir(config, os.fsencode(cache_dir)), "cache_dir")
+            _reconnect.apply(config, _check, event_backoff, retry_backoff)
             if self._on_log:
                 _check(_lib.qelmaps_config_set_log_callback(config, self._on_log, None), "log")
             if self._on_trace:

@@ -25,6 +25,11 @@ class Status(ctypes.Structure):
                 ("channels", ChannelStatus * 3)]
 
 
+class Backoff(ctypes.Structure):
+    _fields_ = [("initial_ms", ctypes.c_uint32), ("multiplier", ctypes.c_double), ("maximum_ms", ctypes.c_uint32),
+                ("jitter", ctypes.c_double)]
+
+
 class Trace(ctypes.Structure):
     _phases = ("update_received", "queued", "name_lookup_done", "connected", "tls_done", "first_byte", "body_done",
                "decoded", "shown")
@@ -113,6 +118,8 @@ def _load() -> ctypes.CDLL:
         "qelmaps_config_set_trace_callback": (e, [p, TRACE, p]),
         "qelmaps_client_stats": (e, [p, ctypes.c_char_p, s, ctypes.POINTER(s)]),
         "qelmaps_client_network_changed": (e, [p]),
+        "qelmaps_backoff_default": (e, [i, ctypes.c_void_p]),
+        "qelmaps_config_set_backoff": (e, [p, i, ctypes.c_void_p]),
         "qelmaps_client_failure_message": (e, [p, i, ctypes.c_char_p, s, ctypes.POINTER(s)]),
         "qelmaps_client_status_text": (e, [p, ctypes.c_char_p, s, ctypes.POINTER(s)]),
         "qelmaps_failure_string": (ctypes.c_char_p, [i]),

@@ -246,6 +246,47 @@ TEST(CApiStatusTest, EachFailureReachesTheStatusWithItsKindAndWordsAndLiveReturn
   }
 }
 
+// The application's backoff reaches the event channel: a fixed 40 ms wait
+// against a closed port makes ten failed attempts in well under the time
+// the default's take (the test's 30 s); the status's next attempt is the
+// configured wait after the failure.
+TEST(CApiStatusTest, TheBackoffSetPacesTheEventChannelsAttempts) {
+  qelmaps_backoff backoff{};
+  ASSERT_EQ(qelmaps_backoff_default(QELMAPS_BACKOFF_EVENTS, &backoff), QELMAPS_OK);
+  EXPECT_EQ(backoff.initial_ms, 2000u);
+  EXPECT_EQ(backoff.jitter, 1.0);
+  backoff = {40, 1.0, 40, 0.0};
+  Watch watch;
+  qelmaps_config* config = qelmaps_config_create();
+  ASSERT_EQ(qelmaps_config_set_backoff(config, QELMAPS_BACKOFF_EVENTS, &backoff), QELMAPS_OK);
+  for (const qelmaps_backoff& invalid : {qelmaps_backoff{0, 2.0, 40, 1.0}, qelmaps_backoff{40, 0.5, 40, 1.0},
+                                         qelmaps_backoff{40, 2.0, 39, 1.0}, qelmaps_backoff{40, 2.0, 40, 1.01}}) {
+    EXPECT_EQ(qelmaps_config_set_backoff(config, QELMAPS_BACKOFF_EVENTS, &invalid), QELMAPS_ERROR_INVALID_ARGUMENT);
+  }
+  EXPECT_EQ(qelmaps_config_set_backoff(config, static_cast<qelmaps_backoff_kind>(2), &backoff),
+            QELMAPS_ERROR_INVALID_ARGUMENT);
+  EXPECT_EQ(qelmaps_config_set_backoff(config, QELMAPS_BACKOFF_EVENTS, nullptr), QELMAPS_ERROR_NULL_ARGUMENT);
+  ASSERT_EQ(qelmaps_config_set_callback(config, QELMAPS_EVENT_STATUS_DID_CHANGE, onStatus, &watch), QELMAPS_OK);
+  qelmaps_config_set_log_threshold(config, 0);
+  auto cabin = simulatorFor(config);
+  qelmaps_config_set_port(config, qel::testing::closedPort());
+  qelmaps_client* client = nullptr;
+  ASSERT_EQ(qelmaps_client_create(config, &client), QELMAPS_OK);
+  qelmaps_config_destroy(config);
+  ASSERT_EQ(qelmaps_client_start(client), QELMAPS_OK);
+  // With the default the ten would take about a minute and a half.
+  EXPECT_TRUE(watch.waitFor([](const qelmaps_status& status) {
+    return status.channels[QELMAPS_CHANNEL_EVENTS].consecutive_failures >= 10;
+  }));
+  {
+    std::lock_guard lock(watch.mutex);
+    const auto wait = watch.status.next_attempt_ms - watch.status.channels[QELMAPS_CHANNEL_EVENTS].failed_at_ms;
+    EXPECT_GE(wait, 30);
+    EXPECT_LE(wait, 45);
+  }
+  EXPECT_EQ(qelmaps_client_destroy(client), QELMAPS_OK);
+}
+
 TEST(CApiStatusTest, NamesOfKindsAndPhasesAndTheTextBufferConvention) {
   EXPECT_STREQ(qelmaps_failure_string(QELMAPS_FAILURE_NONE), "none");
   EXPECT_STREQ(qelmaps_failure_string(QELMAPS_FAILURE_CERTIFICATE), "certificate not trusted");

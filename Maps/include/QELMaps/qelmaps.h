@@ -258,6 +258,35 @@ QELMAPS_C_API qelmaps_error qelmaps_config_add_resolve(qelmaps_config *config, c
 QELMAPS_C_API qelmaps_error qelmaps_config_set_max_pixels(qelmaps_config *config, uint64_t pixels);
 QELMAPS_C_API qelmaps_error qelmaps_config_set_max_map_entries(qelmaps_config *config, size_t entries);
 
+/* How long the library waits before trying again. Wait number n (from 0)
+ * has the bound initial_ms * multiplier^n, capped at maximum_ms, and is drawn
+ * uniformly between (1 - jitter) of the bound and the bound: jitter 1 draws
+ * from zero up, which keeps a cabin's devices that lost the server together
+ * from coming back as one wave; jitter 0 waits the bound exactly. */
+typedef enum qelmaps_backoff_kind {
+  QELMAPS_BACKOFF_EVENTS = 0,  /* the event channel, after losing or failing to make its connection
+                                  (default 2000 ms, x2, 30000 ms, jitter 1) */
+  QELMAPS_BACKOFF_REQUESTS = 1 /* a failed map data request's next attempts (default 2000 ms, x5,
+                                  30000 ms, jitter 0.25); a picture is retried every 5 s regardless */
+} qelmaps_backoff_kind;
+
+typedef struct qelmaps_backoff {
+  uint32_t initial_ms; /* more than 0 */
+  double multiplier;   /* at least 1 */
+  uint32_t maximum_ms; /* not below initial_ms */
+  double jitter;       /* within [0, 1] */
+} qelmaps_backoff;
+
+/* Writes the default of `kind` into *backoff. Any thread.
+ * Errors: NULL_ARGUMENT, INVALID_ARGUMENT (kind). */
+QELMAPS_C_API qelmaps_error qelmaps_backoff_default(qelmaps_backoff_kind kind, qelmaps_backoff *backoff);
+
+/* Sets the backoff of `kind` (the other keeps its value), copied now.
+ * Errors: NULL_ARGUMENT, INVALID_ARGUMENT (kind, or a value outside its
+ * range; the configuration is then unchanged). */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_backoff(qelmaps_config *config, qelmaps_backoff_kind kind,
+                                                       const qelmaps_backoff *backoff);
+
 /* A directory where the last picture of each resolution is kept across runs
  * (made if missing; QEL_CACHE_DIR when unset; without either nothing is
  * written anywhere). A client made with one shows the kept picture at once,
