@@ -36,8 +36,11 @@ int wholePixels(CGFloat value) {
 
 QSize QtBroadcastMaps::pixelSize(CGSize size) { return {wholePixels(size.width), wholePixels(size.height)}; }
 
-QtBroadcastMaps::QtBroadcastMaps(QObject* parent) : QObject(parent) {
+QtBroadcastMaps::QtBroadcastMaps(QObject* parent) : QtBroadcastMaps(Options{}, parent) {}
+
+QtBroadcastMaps::QtBroadcastMaps(const Options& settings, QObject* parent) : QObject(parent) {
   QELBroadcastMapsHost::Options options;
+  options.watchNetwork = settings.watchNetwork;
   // Runs each delivery on this object's thread. A call still queued when the
   // object goes is dropped by Qt, and the host calls nothing once destroyed.
   options.executor = [this](QELBroadcastMapsHost::Task task) {

@@ -72,6 +72,7 @@ struct qelmaps_config {
   qelmaps_log_callback log = nullptr;
   void* logUserData = nullptr;
   std::optional<std::string> cacheDirectory;
+  bool watchNetwork = false;
   qelmaps_trace_callback trace = nullptr;
   void* traceUserData = nullptr;
 };

@@ -99,6 +99,7 @@ qelmaps_error qelmaps_client_create(const qelmaps_config* config, qelmaps_client
     qel::QELBroadcastMapsHost::Options options;
     options.configuration = config->configuration;
     if (config->cacheDirectory) options.cacheDirectory = *config->cacheDirectory;
+    options.watchNetwork = config->watchNetwork;
     client->dispatched = config->dispatch != nullptr;
     if (config->dispatch) {
       options.executor = [dispatch = config->dispatch, userData = config->dispatchUserData](

@@ -136,6 +136,12 @@ qelmaps_error qelmaps_config_set_cache_dir(qelmaps_config* config, const char* p
   return QELMAPS_OK;
 }
 
+qelmaps_error qelmaps_config_set_watch_network(qelmaps_config* config, int watch) {
+  if (!config) return QELMAPS_ERROR_NULL_ARGUMENT;
+  config->watchNetwork = watch != 0;
+  return QELMAPS_OK;
+}
+
 qelmaps_error qelmaps_config_set_log_threshold(qelmaps_config* config, int threshold) {
   if (!config) return QELMAPS_ERROR_NULL_ARGUMENT;
   if (threshold < 0) return QELMAPS_ERROR_INVALID_ARGUMENT;

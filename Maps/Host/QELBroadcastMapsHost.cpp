@@ -6,7 +6,6 @@
 #include <QELMaps/QELBroadcastMapsNotifications.h>
 
 #include <qel/Format.h>
-#include <qel/core/QELEventManager.h>
 #include <qel/core/QELLogging.h>
 
 #include <atomic>
@@ -29,9 +28,7 @@ std::unique_ptr<QELBroadcastMapsHost> QELBroadcastMapsHost::create(Options optio
   }
   auto boundary =
       std::make_shared<internal::QELBroadcastMapsHostBoundary>(std::move(options.executor), std::move(options.handler));
-  auto thread = std::make_unique<internal::QELBroadcastMapsHostThread>(
-      boundary, std::move(options.configuration), std::move(options.cacheDirectory), std::move(options.listener),
-      options.statsInterval);
+  auto thread = std::make_unique<internal::QELBroadcastMapsHostThread>(boundary, std::move(options));
   if (!thread->isReady()) {
     hostAlive.store(false);
     return nullptr;
@@ -67,9 +64,7 @@ void QELBroadcastMapsHost::clearCurrentResolution() {
 }
 
 void QELBroadcastMapsHost::networkDidChange() {
-  thread_->post([](QELBroadcastMapsV1&) {
-    if (auto* transport = core::QELEventManager::defaultManager().transport()) transport->networkChanged();
-  });
+  thread_->post([](QELBroadcastMapsV1&) { internal::QELBroadcastMapsHostThread::networkDidChange(); });
 }
 
 QELBroadcastMapsHost::Snapshot QELBroadcastMapsHost::snapshot() const { return boundary_->snapshot(); }

@@ -45,16 +45,14 @@ bool sameState(const QELBroadcastMapsSnapshot& a, const QELBroadcastMapsSnapshot
 }  // namespace
 
 QELBroadcastMapsHostThread::QELBroadcastMapsHostThread(std::shared_ptr<QELBroadcastMapsHostBoundary> boundary,
-                                                       std::optional<core::QELConfiguration> configuration,
-                                                       std::optional<std::filesystem::path> cacheDirectory,
-                                                       std::shared_ptr<QELBroadcastMapsHostListener> listener,
-                                                       std::chrono::milliseconds statsInterval)
-    : boundary_(std::move(boundary)), listener_(std::move(listener)), statsInterval_(statsInterval) {
+                                                       QELBroadcastMapsHost::Options options)
+    : boundary_(std::move(boundary)), listener_(std::move(options.listener)), statsInterval_(options.statsInterval) {
   std::promise<void> started;
   auto ready = started.get_future();
-  thread_ = std::thread([this, configuration = std::move(configuration), cacheDirectory = std::move(cacheDirectory),
+  thread_ = std::thread([this, configuration = std::move(options.configuration),
+                         cacheDirectory = std::move(options.cacheDirectory), watchNetwork = options.watchNetwork,
                          started = std::move(started)]() mutable {
-    run(std::move(configuration), std::move(cacheDirectory), [&started] { started.set_value(); });
+    run(std::move(configuration), std::move(cacheDirectory), watchNetwork, [&started] { started.set_value(); });
   });
   // The members the thread sets before it says it is ready are read here
   // only after the future, which orders them.
@@ -68,6 +66,7 @@ QELBroadcastMapsHostThread::~QELBroadcastMapsHostThread() {
   // then the loop ends.
   loop_->post([this] {
     core::QELLogging::log("Host: stopping the service.", 4, kDomain);
+    networkWatcher_.reset();
     NotificationCenter::defaultCenter().removeObserver(observer_.get());
     core::TransportMonitor::current().removeObserver(status_.get());
     status_.reset();
@@ -98,7 +97,8 @@ void QELBroadcastMapsHostThread::post(std::function<void(QELBroadcastMapsV1&)> o
 }
 
 void QELBroadcastMapsHostThread::run(std::optional<core::QELConfiguration> configuration,
-                                     std::optional<std::filesystem::path> cacheDirectory, std::function<void()> ready) {
+                                     std::optional<std::filesystem::path> cacheDirectory, bool watchNetwork,
+                                     std::function<void()> ready) {
   threadChecker_ = std::make_unique<ThreadChecker>();
   auto& loop = RunLoop::current();
   loop_ = &loop;
@@ -117,10 +117,15 @@ void QELBroadcastMapsHostThread::run(std::optional<core::QELConfiguration> confi
   observer_ = std::make_shared<Observer>();
   NotificationCenter::defaultCenter().addObserver(
       observer_, [this](const Notification& notification) { notificationReceived(notification); }, {}, service_);
+  if (watchNetwork) networkWatcher_ = core::net::NetworkWatcher::create(&QELBroadcastMapsHostThread::networkDidChange);
   publish(std::nullopt);
   ready();
   loop.run();
   stopPosted_.get_future().wait();
+}
+
+void QELBroadcastMapsHostThread::networkDidChange() {
+  if (auto* transport = core::QELEventManager::defaultManager().transport()) transport->networkChanged();
 }
 
 void QELBroadcastMapsHostThread::notificationReceived(const Notification& notification) {

@@ -6,12 +6,14 @@
 #include "Host/_QELBroadcastMapsHostStats.h"
 #include "Host/_QELBroadcastMapsHostStatus.h"
 
+#include <QELMaps/QELBroadcastMapsHost.h>
 #include <QELMaps/QELBroadcastMapsV1.h>
 
 #include <qel/Notification.h>
 #include <qel/Object.h>
 #include <qel/RunLoop.h>
 #include <qel/ThreadChecker.h>
+#include <qel/core/net/NetworkWatcher.h>
 
 #include <functional>
 #include <future>
@@ -33,15 +35,13 @@ namespace qel::internal {
 // Threading: construct, post() and destroy from any thread; the rest is the
 // loop thread's.
 //
-//   QELBroadcastMapsHostThread thread(boundary, configuration);
+//   QELBroadcastMapsHostThread thread(boundary, std::move(options));
 //   if (thread.isReady()) thread.post([](QELBroadcastMapsV1& service) { service.start(); });
 class QELBroadcastMapsHostThread {
  public:
+  // The options' executor and handler are the boundary's and unused here.
   QELBroadcastMapsHostThread(std::shared_ptr<QELBroadcastMapsHostBoundary> boundary,
-                             std::optional<core::QELConfiguration> configuration,
-                             std::optional<std::filesystem::path> cacheDirectory,
-                             std::shared_ptr<QELBroadcastMapsHostListener> listener = nullptr,
-                             std::chrono::milliseconds statsInterval = std::chrono::milliseconds::zero());
+                             QELBroadcastMapsHost::Options options);
   QELBroadcastMapsHostThread(const QELBroadcastMapsHostThread&) = delete;
   QELBroadcastMapsHostThread& operator=(const QELBroadcastMapsHostThread&) = delete;
   ~QELBroadcastMapsHostThread();
@@ -53,10 +53,13 @@ class QELBroadcastMapsHostThread {
   // publishes the snapshot if the operation changed it.
   void post(std::function<void(QELBroadcastMapsV1&)> operation);
 
+  // Loop thread: the event channel reconnects at once, or checks itself.
+  static void networkDidChange();
+
  private:
   // Loop thread.
   void run(std::optional<core::QELConfiguration> configuration, std::optional<std::filesystem::path> cacheDirectory,
-           std::function<void()> ready);
+           bool watchNetwork, std::function<void()> ready);
   void openCache(std::optional<std::filesystem::path> directory);
   void startStats();
   void publishStats();
@@ -81,6 +84,7 @@ class QELBroadcastMapsHostThread {
   const std::shared_ptr<QELBroadcastMapsHostListener> listener_;
   const std::chrono::milliseconds statsInterval_;
   std::shared_ptr<ScheduledCall> statsTimer_;
+  std::unique_ptr<core::net::NetworkWatcher> networkWatcher_;
   QELBroadcastMapsHostLastPicture lastPicture_;
   std::shared_ptr<const QELBroadcastMapsSnapshot> published_;
   std::unique_ptr<ThreadChecker> threadChecker_;

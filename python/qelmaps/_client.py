@@ -153,7 +153,9 @@ class Client:
     Settings left out fall back to the QEL_* environment variables.
     ``event_backoff`` and ``retry_backoff`` (``Backoff``) replace how long
     the event channel and a failed map data request wait before trying
-    again.
+    again. ``watch_network`` (Linux) follows the device's links, addresses
+    and routes and reconnects at once when they change, as
+    ``network_changed()`` does.
     """
 
     def __init__(self, host: Optional[str] = None, port: Optional[int] = None, ca_file: Optional[str] = None,
@@ -163,7 +165,8 @@ class Client:
                  cache_dir: "Optional[str | os.PathLike[str]]" = None,
                  on_trace: "Optional[Callable[[_monitoring.Trace], None]]" = None,
                  event_backoff: "Optional[_reconnect.Backoff]" = None,
-                 retry_backoff: "Optional[_reconnect.Backoff]" = None):
+                 retry_backoff: "Optional[_reconnect.Backoff]" = None,
+                 watch_network: bool = False):
         self._handlers: Dict[Event, List[Handler]] = {}
         self._tasks: "queue.SimpleQueue[object]" = queue.SimpleQueue()
         self._lock = threading.Lock()
@@ -195,6 +198,7 @@ class Client:
             if cache_dir is not None:
                 _check(_lib.qelmaps_config_set_cache_dir(config, os.fsencode(cache_dir)), "cache_dir")
             _reconnect.apply(config, _check, event_backoff, retry_backoff)
+            _check(_lib.qelmaps_config_set_watch_network(config, int(watch_network)), "watch_network")
             if self._on_log:
                 _check(_lib.qelmaps_config_set_log_callback(config, self._on_log, None), "log")
             if self._on_trace:

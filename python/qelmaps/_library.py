@@ -120,6 +120,7 @@ def _load() -> ctypes.CDLL:
         "qelmaps_client_network_changed": (e, [p]),
         "qelmaps_backoff_default": (e, [i, ctypes.c_void_p]),
         "qelmaps_config_set_backoff": (e, [p, i, ctypes.c_void_p]),
+        "qelmaps_config_set_watch_network": (e, [p, i]),
         "qelmaps_client_failure_message": (e, [p, i, ctypes.c_char_p, s, ctypes.POINTER(s)]),
         "qelmaps_client_status_text": (e, [p, ctypes.c_char_p, s, ctypes.POINTER(s)]),
         "qelmaps_failure_string": (ctypes.c_char_p, [i]),

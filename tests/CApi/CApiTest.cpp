@@ -143,7 +143,8 @@ TEST(CApiArgumentsTest, NullHandlesAndOutOfRangeValuesAreErrorsNotCrashes) {
         qelmaps_config_set_ca_pem(nullptr, "p", 1), qelmaps_config_set_dns_servers(nullptr, "127.0.0.1"),
         qelmaps_config_add_resolve(nullptr, "h:1:127.0.0.1"), qelmaps_config_set_max_pixels(nullptr, 1),
         qelmaps_config_set_max_map_entries(nullptr, 1), qelmaps_config_set_ca_pem(config, nullptr, 1),
-        qelmaps_config_set_host(config, nullptr), qelmaps_client_create(config, nullptr)}) {
+        qelmaps_config_set_host(config, nullptr), qelmaps_client_create(config, nullptr),
+        qelmaps_config_set_watch_network(nullptr, 1), qelmaps_backoff_default(QELMAPS_BACKOFF_EVENTS, nullptr)}) {
     EXPECT_EQ(error, QELMAPS_ERROR_NULL_ARGUMENT);
   }
   EXPECT_EQ(qelmaps_client_destroy(nullptr), QELMAPS_OK);

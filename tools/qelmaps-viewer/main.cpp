@@ -27,7 +27,8 @@ int main(int argc, char** argv) {
   const auto options = qeltools::parseMapCommandLine(app, "Shows the broadcast moving map of the cabin network.");
   if (!options) return 2;
 
-  qel::QtBroadcastMaps maps;
+  // A viewer on a laptop moves between networks: it follows them itself.
+  qel::QtBroadcastMaps maps(qel::QtBroadcastMaps::Options{.watchNetwork = true});
   if (options->resolution.isValid()) maps.setResolution(options->resolution);
   qelviewer::ViewerWindow window(maps);
   window.show();

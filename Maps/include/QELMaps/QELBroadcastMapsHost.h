@@ -111,6 +111,10 @@ class QEL_EXPORT QELBroadcastMapsHost {
     // of the stats; through the executor, like the handler.
     std::shared_ptr<QELBroadcastMapsHostListener> listener = nullptr;
     std::chrono::milliseconds statsInterval = std::chrono::milliseconds::zero();
+    // Linux: watch the device's links, addresses and routes, and call
+    // networkDidChange() on every change (an application that hears of
+    // them from its platform calls it itself and leaves this off).
+    bool watchNetwork = false;
   };
 
   // Starts the thread and makes the service there; returns once it is ready.

@@ -296,6 +296,14 @@ QELMAPS_C_API qelmaps_error qelmaps_config_set_backoff(qelmaps_config *config, q
  * Errors: NULL_ARGUMENT, INVALID_ARGUMENT (an empty path). */
 QELMAPS_C_API qelmaps_error qelmaps_config_set_cache_dir(qelmaps_config *config, const char *path);
 
+/* Non-zero: the client follows the device's links, addresses and routes
+ * (Linux) and calls qelmaps_client_network_changed() on itself at every
+ * change; where that cannot be done it logs so and works without. Off by
+ * default: an application that hears of changes from its platform calls
+ * qelmaps_client_network_changed() itself.
+ * Errors: NULL_ARGUMENT. */
+QELMAPS_C_API qelmaps_error qelmaps_config_set_watch_network(qelmaps_config *config, int watch);
+
 /* Log lines above `threshold` are dropped (1 only the most severe; 5 all).
  * INVALID_ARGUMENT below 0. */
 QELMAPS_C_API qelmaps_error qelmaps_config_set_log_threshold(qelmaps_config *config, int threshold);

@@ -48,7 +48,14 @@ class QtBroadcastMaps : public QObject {
   enum class Phase { Stopped, Connecting, Live, WaitingToRetry, NoMapData };
   Q_ENUM(Phase)
 
+  struct Options {
+    // Linux: follow the device's links, addresses and routes and reconnect
+    // at once when they change, as networkChanged() does.
+    bool watchNetwork = false;
+  };
+
   explicit QtBroadcastMaps(QObject* parent = nullptr);
+  explicit QtBroadcastMaps(const Options& options, QObject* parent = nullptr);
   QtBroadcastMaps(const QtBroadcastMaps&) = delete;
   QtBroadcastMaps& operator=(const QtBroadcastMaps&) = delete;
   ~QtBroadcastMaps() override;
