@@ -71,9 +71,21 @@ struct TestServer::State {
 namespace {
 
 // Errors end a connection by throwing out of its coroutine, which co_spawn drops.
-asio::awaitable<void> serveWebSocket(Connection& connection, const http::request<http::string_body>& request) {
+// Reads what the client sends, which answers its pings, as a live server
+// does; ends when the connection goes silent or closes.
+asio::awaitable<void> readWebSocket(std::shared_ptr<Connection> connection) {
+  beast::flat_buffer buffer;
+  for (;;) {
+    buffer.clear();
+    co_await connection->webSocket->async_read(buffer, use_awaitable);
+  }
+}
+
+asio::awaitable<void> serveWebSocket(std::shared_ptr<Connection> shared, const http::request<http::string_body>& request) {
+  Connection& connection = *shared;
   auto& webSocket = connection.webSocket.emplace(connection.stream);
   co_await webSocket.async_accept(request, use_awaitable);
+  asio::co_spawn(connection.stream.get_executor(), readWebSocket(shared), asio::detached);
   for (;;) {
     while (connection.outbox.empty() && !connection.closing) co_await waitFor(connection.wake);
     for (; !connection.outbox.empty(); connection.outbox.pop_front()) {
@@ -125,7 +137,7 @@ asio::awaitable<void> serve(std::shared_ptr<TestServer::State> state, std::share
     connection->idle = false;
     const std::string target(request.target());
     state->targets.push_back(target);
-    if (websocket::is_upgrade(request)) co_return co_await serveWebSocket(*connection, request);
+    if (websocket::is_upgrade(request)) co_return co_await serveWebSocket(connection, request);
 
     if (target == "/held") co_await waitFor(state->released);
     if (target.starts_with("/early"))
@@ -234,6 +246,17 @@ void TestServer::send(const std::string& frame, bool binary) {
     if (auto connection = weak.lock(); connection && connection->webSocket) {
       connection->outbox.emplace_back(binary, frame);
       connection->wake.cancel();
+    }
+  }
+}
+
+void TestServer::silenceWebSockets() {
+  for (const auto& weak : state_->connections) {
+    if (auto connection = weak.lock(); connection && connection->webSocket) {
+      // The pending read ends, and with it the answers to pings; nothing is
+      // written either, and the socket stays open.
+      beast::get_lowest_layer(connection->stream).cancel();
+      connection->outbox.clear();
     }
   }
 }

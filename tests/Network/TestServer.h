@@ -24,7 +24,7 @@ namespace qel::core::net::testing {
 // gzipped, unasked: as a transfer coding for a path ending in ".png", else
 // as a content coding.
 // An upgrade request to any path becomes a WebSocket the test pushes frames
-// into.
+// into; it answers pings.
 class TestServer {
  public:
   TestServer(boost::asio::io_context& ioContext, const cabinsim::ServerIdentity& identity);
@@ -47,6 +47,9 @@ class TestServer {
   // To every WebSocket: a frame, or a clean close.
   void send(const std::string& frame, bool binary = false);
   void closeWebSockets(const std::string& reason = {}, std::uint16_t code = 1000);
+  // Every WebSocket stops reading and writing, pongs included, with its
+  // connection left open: a link that silently stopped carrying anything.
+  void silenceWebSockets();
 
   struct State;
 

@@ -178,6 +178,31 @@ TEST_F(WebSocketEventTransportTests, AnAnnouncedRestartAndANetworkChangeCutTheWa
   EXPECT_TRUE(manager().isConnected());
 }
 
+// A channel whose server answers pings stays up however long it says
+// nothing else; once the path goes silent (nothing carried, not even the
+// pongs) it is taken for dead within deadAfter: a silent channel is pinged
+// at half of it, so that is two ping intervals.
+TEST_F(WebSocketEventTransportTests, APathThatGoesSilentIsTakenForDeadWithinTwoPingIntervals) {
+  WebSocketEventTransport::Options options;
+  options.deadAfter = 400ms;
+  options.roundTripInterval = {};
+  options.backoff = Backoff{1h, 2.0, 1h, 0.0};
+  manager().setTransport(std::make_unique<WebSocketEventTransport>(options));
+  for (const char* name : {QELServiceEventClientConnected, QELServiceEventClientDisconnected}) {
+    manager().addTarget(listener_, &Listener::receive, name);
+  }
+  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
+  loop().runFor(1500ms);
+  ASSERT_TRUE(manager().isConnected()) << "a channel whose pings were answered was taken for dead";
+
+  server_.silenceWebSockets();
+  const auto silenced = std::chrono::steady_clock::now();
+  ASSERT_TRUE(waitFor(QELServiceEventClientDisconnected, 1));
+  // The deadline plus the loop's slack on a loaded machine: well short of
+  // the default's 20 s, and of the operating system's own timeouts.
+  EXPECT_LT(std::chrono::steady_clock::now() - silenced, options.deadAfter + 1s);
+}
+
 // The pace of an announced restart: each device's waits stay within half
 // the interval either side of it, and a cabin of them spreads its attempts.
 TEST(WebSocketEventTransportBackoff, AnAnnouncedRestartIsRetriedAtABoundedSpreadRate) {
