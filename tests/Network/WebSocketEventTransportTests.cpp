@@ -203,6 +203,34 @@ TEST_F(WebSocketEventTransportTests, APathThatGoesSilentIsTakenForDeadWithinTwoP
   EXPECT_LT(std::chrono::steady_clock::now() - silenced, options.deadAfter + 1s);
 }
 
+// After a change of network the channel asks the server at once instead of
+// waiting out the dead interval (an hour here): an answered ping keeps the
+// connection; an unanswered one replaces it, without the backoff (an hour too).
+TEST_F(WebSocketEventTransportTests, ANetworkChangeFindsASilentPathAtOnceAndConnectsAgain) {
+  WebSocketEventTransport::Options options;
+  options.deadAfter = 1h;
+  options.roundTripInterval = {};
+  options.checkDeadline = 300ms;
+  options.networkChangeSpread = 50ms;
+  options.backoff = Backoff{1h, 2.0, 1h, 0.0};
+  auto transport = std::make_unique<WebSocketEventTransport>(options);
+  auto& channel = *transport;
+  manager().setTransport(std::move(transport));
+  for (const char* name : {QELServiceEventClientConnected, QELServiceEventClientDisconnected}) {
+    manager().addTarget(listener_, &Listener::receive, name);
+  }
+  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
+  channel.networkChanged();
+  loop().runFor(600ms);
+  EXPECT_EQ(listener_->names, std::vector<std::string>{QELServiceEventClientConnected}) << "an answered check failed";
+
+  server_.silenceWebSockets();
+  channel.networkChanged();
+  ASSERT_TRUE(waitFor(QELServiceEventClientDisconnected, 1));
+  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 2)) << "not connected again after the failed check";
+  EXPECT_EQ(channel.connectionAttempts(), 2);
+}
+
 // The pace of an announced restart: each device's waits stay within half
 // the interval either side of it, and a cabin of them spreads its attempts.
 TEST(WebSocketEventTransportBackoff, AnAnnouncedRestartIsRetriedAtABoundedSpreadRate) {

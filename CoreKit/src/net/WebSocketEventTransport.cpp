@@ -76,8 +76,9 @@ class WebSocketEventTransport::Channel : public std::enable_shared_from_this<Cha
 
  private:
   void connect();
-  // When the next attempt starts (none when stopped).
-  std::optional<Clock::time_point> scheduleReconnect();
+  // When the next attempt starts (none when stopped). After a change of
+  // network it starts within networkChangeSpread, the backoff reset.
+  std::optional<Clock::time_point> scheduleReconnect(bool networkChanged = false);
   // The options' backoff, else the configuration's.
   Backoff backoff() const;
   bool isCurrent(const Session* session) const;
@@ -111,6 +112,7 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
         resolveTimer_(ioContext),
         staggerTimer_(ioContext),
         pingTimer_(ioContext),
+        checkTimer_(ioContext),
         ws_(ioContext, *tlsContext_) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -120,6 +122,12 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   void close();
   // A ping now, when connected.
   void ping();
+  bool isConnected() const { return connected_ && !ended_; }
+  // After a change of network: a ping that must be answered within
+  // `deadline`, or the connection is taken for lost.
+  void check(Clock::duration deadline);
+  // Whether the session ended because such a check went unanswered.
+  bool failedCheck() const { return failedCheck_; }
 
  private:
   beast::tcp_stream& tcp() { return beast::get_lowest_layer(ws_); }
@@ -152,6 +160,7 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   asio::steady_timer resolveTimer_;
   asio::steady_timer staggerTimer_;
   asio::steady_timer pingTimer_;
+  asio::steady_timer checkTimer_;
   Resolver::Endpoints endpoints_;
   std::vector<std::unique_ptr<tcp::socket>> attempts_;
   std::size_t nextAttempt_ = 0;
@@ -169,6 +178,7 @@ class WebSocketEventTransport::Session : public std::enable_shared_from_this<Ses
   bool connected_ = false;
   bool ended_ = false;
   bool pinging_ = false;
+  bool failedCheck_ = false;
 };
 
 // --- Channel -----------------------------------------------------------------
@@ -183,15 +193,23 @@ void WebSocketEventTransport::Channel::start(QELEventManager& manager) {
 
 void WebSocketEventTransport::Channel::networkChanged() {
   if (!running_) return;
-  if (auto session = session_.lock()) return session->ping();
-  // Waiting to reconnect: the network that failed is not the one there now.
-  auto timer = reconnectTimer_.lock();
-  if (!timer) return;
-  QELLogging::log("The network changed: reconnecting the event channel now", 3, kDomain);
-  timer->cancel();
-  reconnectTimer_.reset();
-  backoffStep_ = 0;
-  connect();
+  if (auto session = session_.lock()) {
+    // The connection may have gone with the old network without a word:
+    // ask the server, briefly.
+    if (session->isConnected()) return session->check(options_.checkDeadline);
+    // An attempt begun on the network that was: begin again on this one.
+    QELLogging::log("The network changed: connecting the event channel again", 3, kDomain);
+    session->close();
+    session_.reset();
+  } else if (auto timer = reconnectTimer_.lock()) {
+    // Waiting to reconnect: the network that failed is not the one there now.
+    QELLogging::log("The network changed: reconnecting the event channel now", 3, kDomain);
+    timer->cancel();
+    reconnectTimer_.reset();
+  } else {
+    return;
+  }
+  scheduleReconnect(true);
 }
 
 void WebSocketEventTransport::Channel::stop() {
@@ -248,15 +266,25 @@ void WebSocketEventTransport::Channel::connect() {
   session->run();
 }
 
-std::optional<Clock::time_point> WebSocketEventTransport::Channel::scheduleReconnect() {
+std::optional<Clock::time_point> WebSocketEventTransport::Channel::scheduleReconnect(bool networkChanged) {
   if (!running_) return std::nullopt;
+  if (networkChanged) {
+    // The devices that saw the same change (a cabin's access point came
+    // back) spread their attempts over a moment instead of arriving as one.
+    backoffStep_ = 0;
+    plannedUntil_.reset();
+  }
   const bool planned = plannedUntil_ && Clock::now() < *plannedUntil_;
   if (plannedUntil_ && !planned) {
     // The announced restart took longer than announced: back to the backoff.
     plannedUntil_.reset();
     backoffStep_ = 0;
   }
-  const Clock::duration delay = planned ? plannedDelay(options_, random_) : backoff().draw(backoffStep_++, random_);
+  const Clock::duration delay =
+      networkChanged ? Clock::duration(std::uniform_int_distribution<Clock::rep>(
+                           0, std::max<Clock::rep>(0, options_.networkChangeSpread.count()))(random_))
+      : planned      ? plannedDelay(options_, random_)
+                     : backoff().draw(backoffStep_++, random_);
   QELLogging::log("Reconnecting the event channel in %s%s", 4, kDomain, seconds(delay),
                   planned ? " (the server announced a restart)" : "");
 
@@ -306,7 +334,7 @@ void WebSocketEventTransport::Channel::sessionEnded(const Session* session, bool
   // The reason is out before the disconnect, so that whoever reacts to the
   // disconnect can already tell why; a stop from within the disconnect
   // cancels the reconnect again.
-  const auto next = scheduleReconnect();
+  const auto next = scheduleReconnect(session->failedCheck());
   TransportMonitor::current().didFail(TransportChannel::Events, failure, next);
   if (wasConnected && running_ && manager_) manager_->transportDidDisconnect();
 }
@@ -333,6 +361,7 @@ void WebSocketEventTransport::Session::close() {
   resolver_.cancel();
   resolveTimer_.cancel();
   pingTimer_.cancel();
+  checkTimer_.cancel();
   closeAttempts();
   if (connected_) {
     // Say goodbye properly; the close has its own timeout, and the read
@@ -492,8 +521,10 @@ void WebSocketEventTransport::Session::onHandshake(const beast::error_code& erro
   if (auto channel = channel_.lock()) channel->sessionConnected(this);
   if (ended_) return;
   // Our own pings carry the time they were sent; the server's pongs echo it.
-  ws_.control_callback([](websocket::frame_type kind, beast::string_view payload) {
-    if (kind != websocket::frame_type::pong || payload.empty()) return;
+  ws_.control_callback([weak = weak_from_this()](websocket::frame_type kind, beast::string_view payload) {
+    if (kind != websocket::frame_type::pong) return;
+    if (auto self = weak.lock()) self->checkTimer_.cancel();  // the path carries
+    if (payload.empty()) return;
     Clock::rep sent = 0;
     const auto [end, error] = std::from_chars(payload.data(), payload.data() + payload.size(), sent);
     if (error != std::errc() || end != payload.data() + payload.size()) return;
@@ -512,6 +543,17 @@ void WebSocketEventTransport::Session::ping() {
   const std::string sent = std::to_string(Clock::now().time_since_epoch().count());
   ws_.async_ping(websocket::ping_data(sent.c_str()),
                  [self = shared_from_this()](const beast::error_code&) { self->pinging_ = false; });
+}
+
+void WebSocketEventTransport::Session::check(Clock::duration deadline) {
+  if (!isConnected()) return;
+  ping();
+  checkTimer_.expires_after(deadline);
+  checkTimer_.async_wait([self = shared_from_this(), deadline](const beast::error_code& error) {
+    if (error || self->ended_) return;
+    self->failedCheck_ = true;
+    self->end(FailureKind::Timeout, "no pong within " + seconds(deadline) + " of a change of network");
+  });
 }
 
 void WebSocketEventTransport::Session::schedulePing() {
@@ -602,6 +644,7 @@ void WebSocketEventTransport::Session::end(FailureKind kind, const std::string& 
   QELLogging::log("Event channel to %s %s: %s", 2, kDomain, target_.url(), connected_ ? "lost" : "failed", why);
   resolveTimer_.cancel();
   pingTimer_.cancel();
+  checkTimer_.cancel();
   closeAttempts();
   tcp().close();
   if (message.empty()) message = why;

@@ -56,6 +56,11 @@ class WebSocketEventTransport : public EventTransport {
   // either way, for up to kPlannedWindow, before the growing backoff.
   static constexpr std::chrono::milliseconds kPlannedEvery{2000};
   static constexpr std::chrono::seconds kPlannedWindow{60};
+  // After a change of network a connected channel is pinged and must be
+  // answered within kCheckDeadline; one that is not, or one waiting or
+  // connecting, starts a new attempt within kNetworkChangeSpread.
+  static constexpr std::chrono::seconds kCheckDeadline{3};
+  static constexpr std::chrono::milliseconds kNetworkChangeSpread{1000};
 
   struct Options {
     // Bounds resolving, connecting and each of the TLS and WebSocket handshakes.
@@ -76,6 +81,8 @@ class WebSocketEventTransport : public EventTransport {
     std::chrono::steady_clock::duration roundTripInterval = kRoundTripInterval;
     std::chrono::steady_clock::duration plannedEvery = kPlannedEvery;
     std::chrono::steady_clock::duration plannedWindow = kPlannedWindow;
+    std::chrono::steady_clock::duration checkDeadline = kCheckDeadline;
+    std::chrono::steady_clock::duration networkChangeSpread = kNetworkChangeSpread;
     // Used instead of QELConfiguration::current() when set.
     std::optional<QELConfiguration> configuration;
   };
@@ -97,8 +104,10 @@ class WebSocketEventTransport : public EventTransport {
   // devices come back spread over the interval, each at a bounded rate.
   static std::chrono::steady_clock::duration plannedDelay(const Options& options, std::mt19937& random);
 
-  // Checks an open connection with a ping, or reconnects at once, the
-  // backoff reset, when the channel waits to reconnect.
+  // Checks an open connection with a ping that must be answered within
+  // checkDeadline; a connection that fails it, an attempt in progress and
+  // a wait for the next attempt all give way to a new attempt within
+  // networkChangeSpread, the backoff reset.
   void networkChanged() override;
 
  private:
