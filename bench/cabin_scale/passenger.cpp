@@ -14,10 +14,15 @@
 //                                 byte, body done, decoded, shown (wall clock,
 //                                 0 when not reached), connection reused (1/0)
 //   1700000000.456 error          no map data (connection lost, reload failed)
+//   1700000000.789 phase live     the status's phase changed: stopped,
+//                                 connecting, live, waiting to retry, no map data
 //
 // Library log lines of level 2 and below go to standard error.
 //
-//   passenger --host HOST --port PORT --ca-file FILE [--resolution 400x300]
+//   passenger --host HOST --port PORT --ca-file FILE [--resolution 400x300] [--watch-network]
+//
+// --watch-network: the host follows the device's links, addresses and routes
+// and reconnects at once when they change.
 
 #include <QELMaps/QELMaps.h>
 #include <qel/core/QELLogging.h>
@@ -62,9 +67,15 @@ long updateOf(std::string_view url) {
 int main(int argc, char** argv) {
   qel::core::QELConfiguration configuration;
   qel::CGSize resolution{400, 300};
-  for (int i = 1; i + 1 < argc; i += 2) {
+  bool watchNetwork = false;
+  for (int i = 1; i < argc; i += 2) {
     const std::string flag = argv[i];
-    const std::string value = argv[i + 1];
+    if (flag == "--watch-network") {
+      watchNetwork = true;
+      --i;
+      continue;
+    }
+    const std::string value = i + 1 < argc ? argv[i + 1] : "";
     if (flag == "--host") {
       configuration.host = value;
     } else if (flag == "--port") {
@@ -74,7 +85,7 @@ int main(int argc, char** argv) {
     } else if (flag == "--resolution" && value.find('x') != std::string::npos) {
       resolution = {std::atof(value.c_str()), std::atof(value.c_str() + value.find('x') + 1)};
     } else {
-      std::cerr << "usage: passenger --host HOST --port PORT --ca-file FILE [--resolution WxH]\n";
+      std::cerr << "usage: passenger --host HOST --port PORT --ca-file FILE [--resolution WxH] [--watch-network]\n";
       return 2;
     }
   }
@@ -109,9 +120,15 @@ int main(int argc, char** argv) {
   qel::QELBroadcastMapsHost::Options options;
   options.configuration = configuration;
   options.listener = std::make_shared<Traces>();
-  options.handler = [](qel::QELBroadcastMapsHostEvent event, const qel::QELBroadcastMapsHost::Snapshot&) {
-    if (event != qel::QELBroadcastMapsHostEvent::Error) return;
-    std::printf("%.3f error\n", wallClock());
+  options.watchNetwork = watchNetwork;
+  // The handler runs on the host's thread, one call at a time.
+  options.handler = [phase = std::optional<qel::QELBroadcastMapsStatus::Phase>()](
+                        qel::QELBroadcastMapsHostEvent event, const qel::QELBroadcastMapsHost::Snapshot& snapshot) mutable {
+    if (event == qel::QELBroadcastMapsHostEvent::Error) std::printf("%.3f error\n", wallClock());
+    if (snapshot->status.phase != phase) {
+      phase = snapshot->status.phase;
+      std::printf("%.3f phase %s\n", wallClock(), qel::QELBroadcastMapsStatus::phaseName(*phase));
+    }
     std::fflush(stdout);
   };
   auto host = qel::QELBroadcastMapsHost::create(std::move(options));
