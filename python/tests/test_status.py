@@ -73,14 +73,14 @@ def test_each_picture_is_traced_and_the_stats_count_it(simulator):
 
 def test_a_backoff_set_by_the_application_paces_the_event_channel(simulator):
     _, settings = simulator
-    assert qelmaps.Backoff.events() == qelmaps.Backoff(2.0, 2.0, 30.0, 1.0)
+    assert qelmaps.Backoff.events() == qelmaps.Backoff(2.0, 2.0, 8.0, 1.0)
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
         closed = probe.getsockname()[1]
-    # Ten refusals in a row: with the default that would take a minute and more.
+    # Twenty refusals in a row: with the default that would take more than a minute.
     fixed = qelmaps.Backoff(0.04, 1.0, 0.04, 0.0)
     with qelmaps.Client(**dict(settings, port=closed), event_backoff=fixed, watch_network=True) as client:
-        status = status_when(client, lambda s: s.events is not None and s.events.consecutive >= 10)
+        status = status_when(client, lambda s: s.events is not None and s.events.consecutive >= 20)
     assert 0.03 <= status.next_attempt - status.events.at <= 0.045
     for wrong in (qelmaps.Backoff(0.04, 0.5, 1.0, 0.0), qelmaps.Backoff(2.0, 2.0, 1.0, 0.0),
                   qelmaps.Backoff(1.0, 2.0, 30.0, 2.0)):

@@ -231,19 +231,21 @@ TEST_F(WebSocketEventTransportTests, ANetworkChangeFindsASilentPathAtOnceAndConn
   EXPECT_EQ(channel.connectionAttempts(), 2);
 }
 
-// The pace of an announced restart: each device's waits stay within half
-// the interval either side of it, and a cabin of them spreads its attempts.
+// The pace of an announced restart: each device's first wait falls anywhere
+// in the interval, the later ones keep to it, and a cabin of them never puts
+// a tenth of its devices' attempts in one 100 ms.
 TEST(WebSocketEventTransportBackoff, AnAnnouncedRestartIsRetriedAtABoundedSpreadRate) {
   const WebSocketEventTransport::Options options;
+  const auto every = options.plannedEvery;
   constexpr int kDevices = 300;
   std::map<long, int> attemptsPerTenth;
   for (int device = 0; device < kDevices; ++device) {
     std::mt19937 random(static_cast<unsigned>(device));
     std::chrono::steady_clock::duration at{};
-    while (at < 20s) {
-      const auto delay = WebSocketEventTransport::plannedDelay(options, random);
-      ASSERT_GE(delay, options.plannedEvery / 2);
-      ASSERT_LE(delay, options.plannedEvery * 3 / 2);
+    for (int attempt = 0; at < 20s; ++attempt) {
+      const auto delay = WebSocketEventTransport::plannedDelay(attempt, options, random);
+      ASSERT_GE(delay, attempt == 0 ? std::chrono::steady_clock::duration{} : every - every / 20);
+      ASSERT_LE(delay, attempt == 0 ? every : every + every / 20);
       at += delay;
       ++attemptsPerTenth[static_cast<long>(at / 100ms)];
     }

@@ -92,6 +92,7 @@ class WebSocketEventTransport::Channel : public std::enable_shared_from_this<Cha
   Clock::time_point connectedAt_{};
   // Until when the server's announced restart (1012, 1013) sets the pace.
   std::optional<Clock::time_point> plannedUntil_;
+  int plannedAttempts_ = 0;
   std::mt19937 random_;
   std::weak_ptr<Session> session_;
   std::weak_ptr<asio::steady_timer> reconnectTimer_;
@@ -283,7 +284,7 @@ std::optional<Clock::time_point> WebSocketEventTransport::Channel::scheduleRecon
   const Clock::duration delay =
       networkChanged ? Clock::duration(std::uniform_int_distribution<Clock::rep>(
                            0, std::max<Clock::rep>(0, options_.networkChangeSpread.count()))(random_))
-      : planned      ? plannedDelay(options_, random_)
+      : planned      ? plannedDelay(plannedAttempts_++, options_, random_)
                      : backoff().draw(backoffStep_++, random_);
   QELLogging::log("Reconnecting the event channel in %s%s", 4, kDomain, seconds(delay),
                   planned ? " (the server announced a restart)" : "");
@@ -299,9 +300,14 @@ std::optional<Clock::time_point> WebSocketEventTransport::Channel::scheduleRecon
   return Clock::now() + delay;
 }
 
-Clock::duration WebSocketEventTransport::plannedDelay(const Options& options, std::mt19937& random) {
-  std::uniform_int_distribution<Clock::rep> distribution(options.plannedEvery.count() / 2,
-                                                          options.plannedEvery.count() * 3 / 2);
+Clock::duration WebSocketEventTransport::plannedDelay(int attempt, const Options& options, std::mt19937& random) {
+  const Clock::rep every = options.plannedEvery.count();
+  // The first wait puts each device at its own point of the interval; then
+  // it keeps its pace, so the server finds the cabin's attempts spread evenly
+  // and each device tries at least once in any interval after it is back.
+  // The few per cent of jitter keep devices from locking together.
+  std::uniform_int_distribution<Clock::rep> distribution(attempt == 0 ? 0 : every - every / 20,
+                                                          attempt == 0 ? every : every + every / 20);
   return Clock::duration(distribution(random));
 }
 
@@ -330,7 +336,10 @@ void WebSocketEventTransport::Channel::sessionEnded(const Session* session, bool
   const bool announced = failure.kind == FailureKind::ClosedByServer &&
                          (failure.code == static_cast<int>(websocket::close_code::service_restart) ||
                           failure.code == static_cast<int>(websocket::close_code::try_again_later));
-  if (announced && !plannedUntil_) plannedUntil_ = Clock::now() + options_.plannedWindow;
+  if (announced && !plannedUntil_) {
+    plannedUntil_ = Clock::now() + options_.plannedWindow;
+    plannedAttempts_ = 0;
+  }
   // The reason is out before the disconnect, so that whoever reacts to the
   // disconnect can already tell why; a stop from within the disconnect
   // cancels the reconnect again.
