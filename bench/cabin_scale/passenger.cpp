@@ -90,7 +90,8 @@ int main(int argc, char** argv) {
     }
   }
 
-  configuration.logThreshold = 2;
+  // Level 2 unless QEL_LOG_LEVEL says otherwise (a closer look at one run).
+  if (!std::getenv("QEL_LOG_LEVEL")) configuration.logThreshold = 2;
   qel::core::QELLogging::setSink([](int level, std::string_view domain, std::string_view message) {
     std::fprintf(stderr, "%d %.*s %.*s\n", level, static_cast<int>(domain.size()), domain.data(),
                  static_cast<int>(message.size()), message.data());

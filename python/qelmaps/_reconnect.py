@@ -28,7 +28,7 @@ class Backoff:
 
     @staticmethod
     def events() -> "Backoff":
-        """The event channel's default: 2 s doubling to 8 s, full jitter."""
+        """The event channel's default: 3 s doubling to 8 s, full jitter."""
         return _default(_EVENTS)
 
     @staticmethod

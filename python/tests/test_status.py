@@ -73,7 +73,7 @@ def test_each_picture_is_traced_and_the_stats_count_it(simulator):
 
 def test_a_backoff_set_by_the_application_paces_the_event_channel(simulator):
     _, settings = simulator
-    assert qelmaps.Backoff.events() == qelmaps.Backoff(2.0, 2.0, 8.0, 1.0)
+    assert qelmaps.Backoff.events() == qelmaps.Backoff(3.0, 2.0, 8.0, 1.0)
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
         closed = probe.getsockname()[1]

@@ -253,7 +253,7 @@ TEST(CApiStatusTest, EachFailureReachesTheStatusWithItsKindAndWordsAndLiveReturn
 TEST(CApiStatusTest, TheBackoffSetPacesTheEventChannelsAttempts) {
   qelmaps_backoff backoff{};
   ASSERT_EQ(qelmaps_backoff_default(QELMAPS_BACKOFF_EVENTS, &backoff), QELMAPS_OK);
-  EXPECT_EQ(backoff.initial_ms, 2000u);
+  EXPECT_EQ(backoff.initial_ms, 3000u);
   EXPECT_EQ(backoff.jitter, 1.0);
   backoff = {40, 1.0, 40, 0.0};
   Watch watch;

@@ -93,6 +93,7 @@ class WebSocketEventTransport::Channel : public std::enable_shared_from_this<Cha
   // Until when the server's announced restart (1012, 1013) sets the pace.
   std::optional<Clock::time_point> plannedUntil_;
   int plannedAttempts_ = 0;
+  Clock::time_point attemptStartedAt_{};
   std::mt19937 random_;
   std::weak_ptr<Session> session_;
   std::weak_ptr<asio::steady_timer> reconnectTimer_;
@@ -198,11 +199,21 @@ void WebSocketEventTransport::Channel::networkChanged() {
     // The connection may have gone with the old network without a word:
     // ask the server, briefly.
     if (session->isConnected()) return session->check(options_.checkDeadline);
+    // An attempt of the last second is kept: its handshake's first
+    // retransmission comes sooner than a new attempt would, and one change
+    // often arrives as several bursts (a link, then its addresses).
+    if (Clock::now() - attemptStartedAt_ < std::chrono::seconds(1)) return;
     // An attempt begun on the network that was: begin again on this one.
     QELLogging::log("The network changed: connecting the event channel again", 3, kDomain);
     session->close();
     session_.reset();
   } else if (auto timer = reconnectTimer_.lock()) {
+    // An attempt already due within the spread (an earlier burst of the same
+    // change drew it) stays as it is: drawing again would only put it later.
+    if (timer->expiry() - Clock::now() <= options_.networkChangeSpread) {
+      backoffStep_ = 0;
+      return;
+    }
     // Waiting to reconnect: the network that failed is not the one there now.
     QELLogging::log("The network changed: reconnecting the event channel now", 3, kDomain);
     timer->cancel();
@@ -227,6 +238,7 @@ bool WebSocketEventTransport::Channel::isCurrent(const Session* session) const {
 }
 
 void WebSocketEventTransport::Channel::connect() {
+  attemptStartedAt_ = Clock::now();
   const auto resolved = options_.configuration ? nullptr : QELConfiguration::current();
   const QELConfiguration& configuration = options_.configuration ? *options_.configuration : *resolved;
   if (!configuration.host || configuration.host->empty()) {

@@ -265,7 +265,7 @@ QELMAPS_C_API qelmaps_error qelmaps_config_set_max_map_entries(qelmaps_config *c
  * from coming back as one wave; jitter 0 waits the bound exactly. */
 typedef enum qelmaps_backoff_kind {
   QELMAPS_BACKOFF_EVENTS = 0,  /* the event channel, after losing or failing to make its connection
-                                  (default 2000 ms, x2, 8000 ms, jitter 1) */
+                                  (default 3000 ms, x2, 8000 ms, jitter 1) */
   QELMAPS_BACKOFF_REQUESTS = 1 /* a failed map data request's next attempts (default 2000 ms, x5,
                                   30000 ms, jitter 0.25); a picture is retried every 5 s regardless */
 } qelmaps_backoff_kind;

@@ -30,8 +30,8 @@ namespace qel::core::net {
 // or failing is "disconnected", reported once per connection (an attempt that
 // never connected reports nothing). The transport then reconnects on its own,
 // after a wait drawn from the reconnect policy's event backoff (by default
-// between zero and a bound that starts at 2 s and doubles with each attempt
-// up to 30 s); a connection that stayed up a minute starts it again. A
+// between zero and a bound that starts at 3 s and doubles with each attempt
+// up to 8 s); a connection that stayed up a minute starts it again. A
 // connection silent for half of deadAfter is pinged; one that has said
 // nothing, not even a pong, for deadAfter is taken for dead, so a link that
 // silently stopped carrying anything is noticed within deadAfter.
