@@ -178,6 +178,32 @@ TEST_F(WebSocketEventTransportTests, AnAnnouncedRestartAndANetworkChangeCutTheWa
   EXPECT_TRUE(manager().isConnected());
 }
 
+// Each connection lost soon after it was made lengthens the next wait; one
+// that stayed up for healthyAfter starts the backoff again. Waits of 100 ms,
+// then 2 s (twenty times, no jitter), then 100 ms again.
+TEST_F(WebSocketEventTransportTests, TheBackoffGrowsWithShortConnectionsAndStartsAgainAfterAHealthyOne) {
+  WebSocketEventTransport::Options options;
+  options.backoff = Backoff{100ms, 20.0, 1h, 0.0};
+  options.healthyAfter = 1s;
+  options.roundTripInterval = {};
+  manager().setTransport(std::make_unique<WebSocketEventTransport>(options));
+  for (const char* name : {QELServiceEventClientConnected, QELServiceEventClientDisconnected}) {
+    manager().addTarget(listener_, &Listener::receive, name);
+  }
+  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
+  // The wait from the close to the next connection.
+  const auto reconnectAfterClose = [&](long connections) {
+    server_.closeWebSockets("bye", 1001);
+    const auto closed = std::chrono::steady_clock::now();
+    EXPECT_TRUE(waitFor(QELServiceEventClientConnected, connections));
+    return std::chrono::steady_clock::now() - closed;
+  };
+  EXPECT_LT(reconnectAfterClose(2), 1s);
+  EXPECT_GE(reconnectAfterClose(3), 2s) << "the second wait did not grow";
+  loop().runFor(1200ms);
+  EXPECT_LT(reconnectAfterClose(4), 1s) << "a healthy connection did not start the backoff again";
+}
+
 // A channel whose server answers pings stays up however long it says
 // nothing else; once the path goes silent (nothing carried, not even the
 // pongs) it is taken for dead within deadAfter: a silent channel is pinged
