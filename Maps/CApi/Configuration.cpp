@@ -20,6 +20,8 @@ Backoff* backoffOf(ReconnectPolicy& policy, qelmaps_backoff_kind kind) {
       return &policy.events;
     case QELMAPS_BACKOFF_REQUESTS:
       return &policy.requests;
+    case QELMAPS_BACKOFF_ENUM_WIDTH_:
+      break;
   }
   return nullptr;
 }

@@ -266,8 +266,9 @@ QELMAPS_C_API qelmaps_error qelmaps_config_set_max_map_entries(qelmaps_config *c
 typedef enum qelmaps_backoff_kind {
   QELMAPS_BACKOFF_EVENTS = 0,  /* the event channel, after losing or failing to make its connection
                                   (default 3000 ms, x2, 8000 ms, jitter 1) */
-  QELMAPS_BACKOFF_REQUESTS = 1 /* a failed map data request's next attempts (default 2000 ms, x5,
-                                  30000 ms, jitter 0.25); a picture is retried every 5 s regardless */
+  QELMAPS_BACKOFF_REQUESTS = 1, /* a failed map data request's next attempts (default 2000 ms, x5,
+                                   30000 ms, jitter 0.25); a picture is retried every 5 s regardless */
+  QELMAPS_BACKOFF_ENUM_WIDTH_ = -0x7fffffff - 1
 } qelmaps_backoff_kind;
 
 typedef struct qelmaps_backoff {
