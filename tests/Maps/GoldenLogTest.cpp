@@ -131,15 +131,18 @@ TEST_F(GoldenLog, ScenarioLogsWhatTheGoldenFileSays) {
   // The event's name is only logged, never checked.
   service->broadcastMaps()->broadcastMapsController()->processEvent(
       "any.other.name", std::make_shared<const boost::json::object>(updateInfo({imageEntry(400, 300, "/b.png")})));
-  // Events that are refused, and one that is dropped silently.
+  // Events that are refused, and some that are dropped silently: text that
+  // is not JSON, or JSON that is a bare number or string.
   push({{"other", 1}});
   push({{"images", 5}});
   push({{"images", "[7]"}});
   push({{"images", "{}"}});
   push({{"images", "[{"}});
+  push({{"images", "42"}});
+  push({{"images", "\"text\""}});
   push(updateInfo({imageEntry(1, 1, "/1.png"), imageEntry(2, 2, "/2.png")}));
-  // Answers that are refused, and one that is dropped silently.
-  const char* bodies[] = {"[]", R"({"images": null})", R"({"images": [1]})", "<html>",
+  // Answers that are refused, and some that are dropped silently.
+  const char* bodies[] = {"[]", R"({"images": null})", R"({"images": [1]})", "<html>", "42", "true",
                           R"({"images": [{"width":1,"height":1},{"width":2,"height":2},{"width":3,"height":3},{"width":4,"height":4}]})"};
   for (const char* body : bodies) {
     service->broadcastMaps()->broadcastMapsController()->reloadData();
