@@ -8,6 +8,7 @@
 #include <qel/core/QELLogging.h>
 
 #include "../Support/Simulator.h"
+#include "../Support/WaitUntil.h"
 
 #include <gtest/gtest.h>
 
@@ -81,14 +82,7 @@ struct Observed {
   }
 };
 
-bool waitUntil(const std::function<bool()>& condition, std::chrono::seconds timeout = 20s) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
+using testing::waitUntil;
 
 // The C API replaces the log sink while the host's thread and application
 // threads write lines: the sink is read and replaced under one rule, and a

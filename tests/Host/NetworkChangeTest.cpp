@@ -7,6 +7,7 @@
 #include <QELMaps/QELMaps.h>
 
 #include "../Support/Simulator.h"
+#include "../Support/WaitUntil.h"
 
 #include <qel/RunLoop.h>
 #include <qel/core/net/NetworkWatcher.h>
@@ -17,7 +18,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <thread>
 #include <unistd.h>
 
 namespace qel {
@@ -43,15 +43,7 @@ bool ownNetwork() {
 // `ip` with these arguments, in this process's namespace.
 void ip(const std::string& arguments) { ASSERT_EQ(std::system(("ip " + arguments).c_str()), 0) << arguments; }
 
-template <typename Predicate>
-bool waitUntil(Predicate predicate, std::chrono::steady_clock::duration timeout = 20s) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
-}
+using testing::waitUntil;
 
 // A burst of changes (an address, then its route) is told once, after it
 // settled; a quiet network tells nothing; a destroyed watcher nothing more.

@@ -37,18 +37,22 @@ class WebSocketEventTransportTests : public NetworkTest {
 
   static QELEventManager& manager() { return QELEventManager::defaultManager(); }
 
-  // Installs the transport and registers the listener, which starts it.
-  WebSocketEventTransport& listen(std::optional<QELConfiguration> configuration = std::nullopt) {
-    WebSocketEventTransport::Options options;
-    options.backoff = Backoff{20ms, 2.0, 30s, 1.0};
-    options.configuration = std::move(configuration);
+  // Installs a transport with these options and registers the listener for
+  // its connects and disconnects (and map updates), which starts it.
+  WebSocketEventTransport& install(WebSocketEventTransport::Options options, bool updates = false) {
     auto transport = std::make_unique<WebSocketEventTransport>(std::move(options));
     auto& result = *transport;
     manager().setTransport(std::move(transport));
     for (const char* name : {QELServiceEventClientConnected, QELServiceEventClientDisconnected, kMapUpdate}) {
-      manager().addTarget(listener_, &Listener::receive, name);
+      if (updates || std::string_view(name) != kMapUpdate) manager().addTarget(listener_, &Listener::receive, name);
     }
     return result;
+  }
+  WebSocketEventTransport& listen(std::optional<QELConfiguration> configuration = std::nullopt) {
+    WebSocketEventTransport::Options options;
+    options.backoff = Backoff{20ms, 2.0, 30s, 1.0};
+    options.configuration = std::move(configuration);
+    return install(std::move(options), /*updates=*/true);
   }
   bool waitFor(const std::string& name, long count) {
     return runUntil([&] { return std::count(listener_->names.begin(), listener_->names.end(), name) >= count; });
@@ -154,12 +158,7 @@ TEST_F(WebSocketEventTransportTests, AnAnnouncedRestartAndANetworkChangeCutTheWa
   WebSocketEventTransport::Options options;
   options.backoff = Backoff{1h, 2.0, 1h, 0.0};  // the growing backoff would never come back within the test
   options.plannedEvery = 100ms;
-  auto transport = std::make_unique<WebSocketEventTransport>(options);
-  auto& channel = *transport;
-  manager().setTransport(std::move(transport));
-  for (const char* name : {QELServiceEventClientConnected, QELServiceEventClientDisconnected}) {
-    manager().addTarget(listener_, &Listener::receive, name);
-  }
+  auto& channel = install(options);
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
   server_.closeWebSockets("restarting", 1012);
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 2)) << "not back after the announced restart";
@@ -186,10 +185,7 @@ TEST_F(WebSocketEventTransportTests, TheBackoffGrowsWithShortConnectionsAndStart
   options.backoff = Backoff{100ms, 20.0, 1h, 0.0};
   options.healthyAfter = 1s;
   options.roundTripInterval = {};
-  manager().setTransport(std::make_unique<WebSocketEventTransport>(options));
-  for (const char* name : {QELServiceEventClientConnected, QELServiceEventClientDisconnected}) {
-    manager().addTarget(listener_, &Listener::receive, name);
-  }
+  install(options);
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
   // The wait from the close to the next connection.
   const auto reconnectAfterClose = [&](long connections) {
@@ -213,10 +209,7 @@ TEST_F(WebSocketEventTransportTests, APathThatGoesSilentIsTakenForDeadWithinTwoP
   options.deadAfter = 400ms;
   options.roundTripInterval = {};
   options.backoff = Backoff{1h, 2.0, 1h, 0.0};
-  manager().setTransport(std::make_unique<WebSocketEventTransport>(options));
-  for (const char* name : {QELServiceEventClientConnected, QELServiceEventClientDisconnected}) {
-    manager().addTarget(listener_, &Listener::receive, name);
-  }
+  install(options);
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
   loop().runFor(1500ms);
   ASSERT_TRUE(manager().isConnected()) << "a channel whose pings were answered was taken for dead";
@@ -239,12 +232,7 @@ TEST_F(WebSocketEventTransportTests, ANetworkChangeFindsASilentPathAtOnceAndConn
   options.checkDeadline = 300ms;
   options.networkChangeSpread = 50ms;
   options.backoff = Backoff{1h, 2.0, 1h, 0.0};
-  auto transport = std::make_unique<WebSocketEventTransport>(options);
-  auto& channel = *transport;
-  manager().setTransport(std::move(transport));
-  for (const char* name : {QELServiceEventClientConnected, QELServiceEventClientDisconnected}) {
-    manager().addTarget(listener_, &Listener::receive, name);
-  }
+  auto& channel = install(options);
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
   channel.networkChanged();
   loop().runFor(600ms);
