@@ -151,9 +151,9 @@ TEST_F(WebSocketEventTransportTests, ARaceOverManySilentAddressesHoldsFewDescrip
   EXPECT_LE(peak - before, 4 + 1);
 }
 
-// A server that announces its restart (1012) is tried again at a steady pace
-// instead of the growing backoff; after a change of network a channel waiting
-// out its backoff reconnects at once.
+// A server that announces its restart (1012, 1013) is tried again at a
+// steady pace instead of the growing backoff; after a change of network a
+// channel waiting out its backoff reconnects at once.
 TEST_F(WebSocketEventTransportTests, AnAnnouncedRestartAndANetworkChangeCutTheWaitShort) {
   WebSocketEventTransport::Options options;
   options.backoff = Backoff{1h, 2.0, 1h, 0.0};  // the growing backoff would never come back within the test
@@ -162,15 +162,17 @@ TEST_F(WebSocketEventTransportTests, AnAnnouncedRestartAndANetworkChangeCutTheWa
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 1));
   server_.closeWebSockets("restarting", 1012);
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 2)) << "not back after the announced restart";
+  server_.closeWebSockets("busy", 1013);
+  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 3)) << "not back after \"try again later\"";
 
   // An ordinary close waits out the backoff (an hour here); a network change
   // ends the wait.
   server_.closeWebSockets("bye", 1001);
-  ASSERT_TRUE(waitFor(QELServiceEventClientDisconnected, 2));
+  ASSERT_TRUE(waitFor(QELServiceEventClientDisconnected, 3));
   loop().runFor(200ms);
-  EXPECT_EQ(std::count(listener_->names.begin(), listener_->names.end(), QELServiceEventClientConnected), 2);
+  EXPECT_EQ(std::count(listener_->names.begin(), listener_->names.end(), QELServiceEventClientConnected), 3);
   channel.networkChanged();
-  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 3)) << "the network change did not reconnect";
+  ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 4)) << "the network change did not reconnect";
   // Connected, a change checks the path with a ping, and the channel stays.
   channel.networkChanged();
   loop().runFor(100ms);
