@@ -35,6 +35,7 @@ install(FILES
 install(FILES
   CoreKit/include/qel/core/QELHostname.h
   CoreKit/include/qel/core/QELRequest.h
+  CoreKit/include/qel/core/ReconnectPolicy.h
   CoreKit/include/qel/core/RequestTransport.h
   CoreKit/include/qel/core/ResponseCache.h
   CoreKit/include/qel/core/SkelionService.h

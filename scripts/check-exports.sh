@@ -8,7 +8,7 @@ set -euo pipefail
 
 lib=$1
 classes='Object|Image|NotificationCenter|RunLoop|ScheduledCall|FormatArgument|InternalInconsistencyException'
-classes+='|QELBroadcastMapsV1|QELBroadcastMapsResolution|QELBroadcastMapsHost|QELBroadcastMapsStatus|QELBroadcastMapsStats|core::(QELConfiguration|QELHostname|SkelionService)'
+classes+='|QELBroadcastMapsV1|QELBroadcastMapsResolution|QELBroadcastMapsHost|QELBroadcastMapsStatus|QELBroadcastMapsStats|core::(QELConfiguration|QELHostname|SkelionService|Backoff|ReconnectPolicy)'
 allowed="^(typeinfo for |typeinfo name for |vtable for |VTT for )?qel::($classes)\b"
 allowed+="|^qel::(describe|floatValue|stringWithFormatArgs|operator==)[[(]"
 allowed+="|^qel::(internal::)?QELBroadcastMaps[A-Za-z]+Notification$"
