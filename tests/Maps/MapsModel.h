@@ -163,7 +163,14 @@ class World {
   // What an action produced; the driver compares it with the framework's.
   std::vector<Posted> internalLog, appLog;
   std::vector<std::string> imageAttempts;  // URLs, in the order they were sent
-  int restAttempts = 0;
+  // Map data requests sent since the driver last looked: the generation of
+  // the controller each belongs to, and whether it is the request's first
+  // send (a retry resends a request already sent).
+  struct RestSend {
+    int generation;
+    bool first;
+  };
+  std::vector<RestSend> restSent;
 
   // MARK: State the driver reads
 
@@ -190,7 +197,8 @@ class World {
     if (!images_.empty() && images_.front().started) return images_.front();
     return std::nullopt;
   }
-  // Generations of the map data requests open on the transport, oldest first.
+  // Generations of the map data requests open on the transport (one at most
+  // per generation: a controller's requests take turns).
   const std::vector<int>& openRest() const { return openRest_; }
 
   // MARK: What the application does
@@ -271,11 +279,11 @@ class World {
   }
 
   enum class BodyKind { Valid, EmptyObject, NotJSON, TopLevelArray, ImagesNull, ElementNotObject };
-  // Answers the oldest open map data request.
-  // `current`: whether the request answered is the live controller's (the
-  // core kit's random retry waits decide which of several is the oldest).
-  void answerRest(BodyKind kind, const std::vector<ImageSpec>& images, bool current) {
-    const int generation = finishRest(current);
+  // Answers the open map data request of a generation's controller (the
+  // core kit's random retry waits decide which of several the transport sent
+  // first, so the driver says which one it answered).
+  void answerRest(BodyKind kind, const std::vector<ImageSpec>& images, int generation) {
+    finishRest(generation);
     if (generation == controller) {
       if (kind == BodyKind::Valid || kind == BodyKind::EmptyObject) {
         std::vector<Entry> replaced;
@@ -286,9 +294,10 @@ class World {
     }
     settle();
   }
-  void failRest(bool current) {
-    const auto open = pickRest(current);
-    auto& queue = restQueues_[*open];
+  void failRest(int generation) {
+    const auto open = std::find(openRest_.begin(), openRest_.end(), generation);
+    if (open == openRest_.end()) return;  // the driver reports the open requests' difference
+    auto& queue = restQueues_[generation];
     openRest_.erase(open);
     auto& head = queue.front();
     if (head.failures < 3) {
@@ -323,12 +332,11 @@ class World {
     settle();
   }
 
-  // A map data retry whose random wait may have ended: the driver saw that
-  // it did.
-  void restRetryFired() {
-    for (auto& [generation, queue] : restQueues_)
-      for (auto& request : queue)
-        if (request.retry && request.earliest <= now) return retryRest(generation, request);
+  // A generation's map data retry whose random wait may have ended: the
+  // driver saw that it did.
+  void restRetryFired(int generation) {
+    for (auto& request : restQueues_[generation])
+      if (request.retry && request.earliest <= now) return retryRest(generation, request);
   }
 
   // Fires every timer due within `ms`, earliest first.
@@ -529,31 +537,26 @@ class World {
     return download;
   }
 
-  // The oldest open map data request finishes; its queue starts the next.
-  std::vector<int>::iterator pickRest(bool current) {
-    return std::find_if(openRest_.begin(), openRest_.end(),
-                        [&](int generation) { return (generation == controller) == current; });
-  }
+  // A generation's open map data request finishes; its queue starts the next.
   void retryRest(int generation, RestRequest& request) {
     request.retry.reset();
     request.phase = RestRequest::Running;
     openRest_.push_back(generation);
-    ++restAttempts;
+    restSent.push_back({generation, false});
   }
-  int finishRest(bool current) {
-    const auto open = pickRest(current);
-    const int generation = *open;
+  void finishRest(int generation) {
+    const auto open = std::find(openRest_.begin(), openRest_.end(), generation);
+    if (open == openRest_.end()) return;  // the driver reports the open requests' difference
     openRest_.erase(open);
     restQueues_[generation].pop_front();
     pumpRest(generation);
-    return generation;
   }
   void pumpRest(int generation) {
     auto& queue = restQueues_[generation];
     if (!queue.empty() && queue.front().phase == RestRequest::Waiting) {
       queue.front().phase = RestRequest::Running;
       openRest_.push_back(generation);
-      ++restAttempts;
+      restSent.push_back({generation, true});
     }
   }
 

@@ -199,13 +199,13 @@ class Harness {
   }
 
   // Whether a map data attempt is the live controller's.
-  bool isCurrent(std::size_t attempt) {
-    const auto request = env_.requests().attempts()[attempt].request.lock();
-    const auto delegate = request ? request->delegate() : nullptr;
-    for (const auto& engine : engines_)
-      if (const auto live = engine.lock())
-        return delegate && delegate.get() == static_cast<core::QELRequestDelegate*>(live->broadcastMapsController().get());
-    return false;
+  // The model's generation of the controller a map data request belongs to,
+  // learnt at its first send (-1: not learnt).
+  int generationOf(std::size_t attempt) {
+    const auto& request = env_.requests().attempts()[attempt].request;
+    for (const auto& [known, generation] : generations_)
+      if (!known.owner_before(request) && !request.owner_before(known)) return generation;
+    return -1;
   }
 
   std::vector<std::size_t> openOf(core::QELRequest::Kind kind) {
@@ -329,17 +329,17 @@ class Harness {
           case Kind::ImagesNull: body = R"({"images": null})"; break;
           case Kind::ElementNotObject: body = R"({"images": [{"width": 800, "height": 600}, 7]})"; break;
         }
-        const bool current = isCurrent(open.front());
+        const int generation = generationOf(open.front());
         env_.requests().finish(open.front(), body);
-        model_.answerRest(kind, step.images, current);
+        model_.answerRest(kind, step.images, generation);
         break;
       }
       case Op::RestFail: {
         const auto open = openOf(core::QELRequest::Kind::REST);
         if (open.empty()) return;
-        const bool current = isCurrent(open.front());
+        const int generation = generationOf(open.front());
         env_.requests().fail(open.front());
-        model_.failRest(current);
+        model_.failRest(generation);
         break;
       }
       case Op::ImageAnswer: {
@@ -373,7 +373,13 @@ class Harness {
         loop().advance(std::chrono::milliseconds(ms));
         model_.advance(ms);
         drain();
-        if (openOf(core::QELRequest::Kind::REST).size() > model_.openRest().size()) model_.restRetryFired();
+        // A retry waits a random time up to its bound, which the model takes
+        // as the moment it is due: one the transport already sent is due.
+        for (const auto attempt : openOf(core::QELRequest::Kind::REST)) {
+          const int generation = generationOf(attempt);
+          if (generation >= 0 && !std::count(model_.openRest().begin(), model_.openRest().end(), generation))
+            model_.restRetryFired(generation);
+        }
         break;
       }
       case Op::PostStop: {
@@ -404,6 +410,11 @@ class Harness {
     for (const auto& item : list) out += " " + item;
     return "[" + out + " ]";
   }
+  static std::string show(const std::vector<int>& list) {
+    std::string out;
+    for (const auto item : list) out += " " + std::to_string(item);
+    return "[" + out + " ]";
+  }
 
   std::string compare() {
     std::ostringstream diff;
@@ -421,19 +432,39 @@ class Harness {
     expect(app_ == model_.appLog, "application: framework " + show(app_) + " model " + show(model_.appLog));
     internal_.clear(), app_.clear(), model_.internalLog.clear(), model_.appLog.clear();
 
+    // A map data request sent for the first time belongs to the generation of
+    // the model's first send in the same order; a retry to the one it had.
     std::vector<std::string> images;
-    int rest = 0;
+    std::vector<int> rest, restModel;
+    std::size_t firstSends = 0;
     const auto& attempts = env_.requests().attempts();
     for (; attemptsSeen_ < attempts.size(); ++attemptsSeen_) {
-      if (attempts[attemptsSeen_].kind == core::QELRequest::Kind::REST) ++rest;
-      else images.push_back(attempts[attemptsSeen_].url);
+      if (attempts[attemptsSeen_].kind != core::QELRequest::Kind::REST) {
+        images.push_back(attempts[attemptsSeen_].url);
+        continue;
+      }
+      int generation = generationOf(attemptsSeen_);
+      if (generation < 0) {
+        while (firstSends < model_.restSent.size() && !model_.restSent[firstSends].first) ++firstSends;
+        if (firstSends < model_.restSent.size()) generation = model_.restSent[firstSends++].generation;
+        generations_.emplace_back(attempts[attemptsSeen_].request, generation);
+      }
+      rest.push_back(generation);
     }
+    for (const auto& send : model_.restSent) restModel.push_back(send.generation);
+    auto sorted = [](std::vector<int> list) {
+      std::sort(list.begin(), list.end());
+      return list;
+    };
     expect(images == model_.imageAttempts,
            "downloads sent: framework " + show(images) + " model " + show(model_.imageAttempts));
-    expect(rest == model_.restAttempts, "map data requests sent: framework " + std::to_string(rest) + " model " +
-                                            std::to_string(model_.restAttempts));
-    model_.imageAttempts.clear(), model_.restAttempts = 0;
-    expect(openOf(core::QELRequest::Kind::REST).size() == model_.openRest().size(), "open map data requests differ");
+    expect(sorted(rest) == sorted(restModel),
+           "map data requests sent, by controller: framework " + show(sorted(rest)) + " model " + show(sorted(restModel)));
+    model_.imageAttempts.clear(), model_.restSent.clear();
+    std::vector<int> open;
+    for (const auto attempt : openOf(core::QELRequest::Kind::REST)) open.push_back(generationOf(attempt));
+    expect(sorted(open) == sorted(model_.openRest()),
+           "open map data requests, by controller: framework " + show(sorted(open)) + " model " + show(sorted(model_.openRest())));
 
     const auto openImages = openOf(core::QELRequest::Kind::ImageDownload);
     const auto running = model_.runningDownload();
@@ -517,6 +548,7 @@ class Harness {
   std::map<int, Data> shownBytes_;  // per engine: the bytes its picture was decoded from
   std::shared_ptr<const Image> keptImage_;
   std::size_t attemptsSeen_ = 0;
+  std::vector<std::pair<std::weak_ptr<const core::QELRequest>, int>> generations_;
   std::vector<std::shared_ptr<QELBroadcastMapsV1>> services_;
   std::vector<const Object*> serviceAddresses_;
   std::vector<std::weak_ptr<QELBroadcastMaps>> engines_;
