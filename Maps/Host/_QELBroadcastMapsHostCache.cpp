@@ -205,7 +205,7 @@ void QELBroadcastMapsHostCache::transportDidSucceed(core::TransportChannel chann
   if (channel != core::TransportChannel::Picture || !answer.body || answer.notModified) return;
   // Kept once the service shows it: the queue hands the answer over right
   // after this report.
-  RunLoop::current().post([weakSelf = weak_from_this(), url = answer.url, bytes = *answer.body,
+  RunLoop::current().postAfterCallout([weakSelf = weak_from_this(), url = answer.url, bytes = *answer.body,
                            validators = answer.validators] {
     if (auto self = weakSelf.lock()) self->keep(url, bytes, validators);
   });

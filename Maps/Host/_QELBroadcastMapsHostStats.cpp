@@ -158,8 +158,9 @@ void QELBroadcastMapsHostStats::transportDidSucceed(TransportChannel channel, co
   auto service = service_.lock();
   const void* before = service ? service->mapImage().get() : nullptr;
   // The service takes the bytes right after this report; what it made of
-  // them shows on the next turn of the loop.
-  RunLoop::current().post([weakSelf = weak_from_this(), trace = std::move(trace), before]() mutable {
+  // them shows once this callout has ended, before its notification of it
+  // reaches the host.
+  RunLoop::current().postAfterCallout([weakSelf = weak_from_this(), trace = std::move(trace), before]() mutable {
     if (auto self = weakSelf.lock()) self->afterService(std::move(trace), before);
   });
 }

@@ -243,11 +243,11 @@ void QELBroadcastMapsHostStatus::transportDidSucceed(TransportChannel channel, c
   auto weakSelf = weak_from_this();
   if (channel == TransportChannel::MapData) {
     const void* before = service->broadcastMaps()->mapInfo().get();
-    RunLoop::current().post([weakSelf, before, problem = mapDataProblem(*body)] {
+    RunLoop::current().postAfterCallout([weakSelf, before, problem = mapDataProblem(*body)] {
       if (auto self = weakSelf.lock()) self->checkMapData(before, problem);
     });
   } else {
-    RunLoop::current().post([weakSelf, problem = pictureProblem(*body)] {
+    RunLoop::current().postAfterCallout([weakSelf, problem = pictureProblem(*body)] {
       if (auto self = weakSelf.lock()) self->checkPicture(problem);
     });
   }
@@ -262,7 +262,7 @@ void QELBroadcastMapsHostStatus::transportDidFail(TransportChannel channel, cons
 void QELBroadcastMapsHostStatus::recomposeLater() {
   // The event channel reports before the service hears of the connect or
   // the disconnect; the phase follows once it has.
-  RunLoop::current().post([weakSelf = weak_from_this()] {
+  RunLoop::current().postAfterCallout([weakSelf = weak_from_this()] {
     if (auto self = weakSelf.lock()) self->changed_();
   });
 }

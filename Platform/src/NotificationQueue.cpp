@@ -61,7 +61,7 @@ struct NotificationQueue::State : std::enable_shared_from_this<State> {
   void postASAPFlush() {
     if (asapPosted) return;
     asapPosted = true;
-    loop->post([weak = weak_from_this()] {
+    loop->postAfterCallout([weak = weak_from_this()] {
       if (auto state = weak.lock()) state->flushASAP();
     });
   }

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cassert>
+#include <iterator>
+#include <type_traits>
 #include <utility>
 
 namespace qel {
@@ -56,9 +58,59 @@ void RunLoop::assertOnLoopThread() const {
   assert(threadTag_ == &kThreadTag && "RunLoop used from another thread than its own");
 }
 
+template <class Dispatch>
+auto RunLoop::asCallout(Dispatch&& dispatch) {
+  struct Depth {
+    int& depth;
+    explicit Depth(int& d) : depth(++d) {}
+    ~Depth() { --depth; }
+  };
+  if constexpr (std::is_void_v<decltype(dispatch())>) {
+    {
+      Depth depth(dispatching_);
+      dispatch();
+    }
+    runAfterCallout();
+  } else {
+    auto result = [&] {
+      Depth depth(dispatching_);
+      return dispatch();
+    }();
+    runAfterCallout();
+    return result;
+  }
+}
+
+void RunLoop::runAfterCallout() {
+  if (endingCallout_ || afterCallout_.empty()) return;
+  endingCallout_ = true;
+  auto calls = std::exchange(afterCallout_, {});
+  std::size_t next = 0;
+  try {
+    while (next < calls.size()) {
+      auto call = std::move(calls[next++]);
+      call();
+    }
+  } catch (...) {
+    // What has not run yet still runs, after the next callout: a queue
+    // waiting for its flush would otherwise wait for ever.
+    afterCallout_.insert(afterCallout_.begin(), std::make_move_iterator(calls.begin() + static_cast<std::ptrdiff_t>(next)),
+                         std::make_move_iterator(calls.end()));
+    endingCallout_ = false;
+    throw;
+  }
+  endingCallout_ = false;
+}
+
+void RunLoop::postAfterCallout(std::function<void()> callout) {
+  assertOnLoopThread();
+  if (dispatching_ == 0 || endingCallout_) return post(std::move(callout));
+  afterCallout_.push_back(std::move(callout));
+}
+
 bool RunLoop::runOne() {
   if (context_.stopped()) context_.restart();
-  std::size_t ran = context_.run_one();
+  std::size_t ran = asCallout([this] { return context_.run_one(); });
   ran -= std::exchange(ownHandlersRun_, 0);
   calloutCount_ += ran;
   return ran != 0;
@@ -122,7 +174,7 @@ std::size_t RunLoop::runPending() {
     std::size_t ran = 0;
     while (true) {
       if (context_.stopped()) context_.restart();
-      const std::size_t one = context_.poll_one();
+      const std::size_t one = asCallout([this] { return context_.poll_one(); });
       if (one == 0) break;
       ran += one;
     }
@@ -131,7 +183,7 @@ std::size_t RunLoop::runPending() {
     count += ran;
     if (manualClock_) {
       if (auto call = nextManualDue(manualNow_)) {
-        call->fire();
+        asCallout([&] { call->fire(); });
         ++calloutCount_;
         ++count;
         continue;
@@ -200,7 +252,7 @@ void RunLoop::advance(Duration duration) {
   const TimePoint target = manualNow_ + std::max(duration, Duration::zero());
   while (auto call = nextManualDue(target)) {
     manualNow_ = std::max(manualNow_, call->deadline_);
-    call->fire();
+    asCallout([&] { call->fire(); });
     ++calloutCount_;
     runPending();
   }
@@ -209,7 +261,7 @@ void RunLoop::advance(Duration duration) {
 
 void RunLoop::runManualDue(TimePoint until) {
   while (auto call = nextManualDue(until)) {
-    call->fire();
+    asCallout([&] { call->fire(); });
     ++calloutCount_;
   }
 }

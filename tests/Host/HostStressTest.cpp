@@ -21,6 +21,7 @@
 #include <future>
 #include <memory>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -61,6 +62,15 @@ struct Observed {
   std::atomic<std::uint64_t> lastVersion{0};
   std::atomic<int> wrongThread{0}, afterDestruction{0}, outOfOrder{0}, inconsistent{0};
   std::atomic<int> images{0}, errors{0};
+  std::string firstInconsistency;  // the application's thread only
+
+  void inconsistency(Event event, const QELBroadcastMapsSnapshot& snapshot, const char* what) {
+    if (inconsistent++) return;
+    firstInconsistency = std::string(what) + " in the snapshot of event " + std::to_string(static_cast<int>(event)) +
+                         " (version " + std::to_string(snapshot.version) + ", " +
+                         std::to_string(snapshot.resolutions.size()) + " resolutions, record " +
+                         (snapshot.hasMapRecord ? "held" : "none") + ")";
+  }
 
   QELBroadcastMapsHost::Handler handler() {
     return [this](Event event, const QELBroadcastMapsHost::Snapshot& snapshot) {
@@ -68,15 +78,15 @@ struct Observed {
       if (destroyed.load()) ++afterDestruction;
       // Deliveries keep the order of the changes they announce.
       if (snapshot->version <= lastVersion.exchange(snapshot->version)) ++outOfOrder;
-      if (snapshot->hasMapData == snapshot->resolutions.empty()) ++inconsistent;
-      if (snapshot->hasMapData && !snapshot->hasMapRecord) ++inconsistent;
+      if (snapshot->hasMapData == snapshot->resolutions.empty()) inconsistency(event, *snapshot, "map data flag");
+      if (snapshot->hasMapData && !snapshot->hasMapRecord) inconsistency(event, *snapshot, "map data without record");
       if (event == Event::Error) {
         ++errors;
-        if (snapshot->hasMapData) ++inconsistent;
+        if (snapshot->hasMapData) inconsistency(event, *snapshot, "map data at an error");
       }
       if (event == Event::ImageDidChange && snapshot->image) {
         ++images;
-        if (!wellFormed(snapshot->image)) ++inconsistent;
+        if (!wellFormed(snapshot->image)) inconsistency(event, *snapshot, "torn picture");
       }
     };
   }
@@ -191,7 +201,7 @@ TEST(HostStressTest, RandomCallsFromTheApplicationWhileTheServerPushesAndDrops) 
   EXPECT_EQ(observed.wrongThread, 0);
   EXPECT_EQ(observed.afterDestruction, 0);
   EXPECT_EQ(observed.outOfOrder, 0);
-  EXPECT_EQ(observed.inconsistent, 0);
+  EXPECT_EQ(observed.inconsistent, 0) << observed.firstInconsistency;
 }
 
 }  // namespace

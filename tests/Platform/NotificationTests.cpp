@@ -154,13 +154,18 @@ TEST(PlatformNotificationQueue, DefaultQueuePostsLaterWhatIsEnqueuedWhileDeliver
       NotificationQueue::defaultQueue().enqueueNotification(
           Notification("DEFAULT_QUEUE_TEST", nullptr), PostingStyle::PostASAP);
     };
-    // Each delivery enqueues an equal notification: news again, for a later callout.
+    // Each delivery enqueues an equal notification: news again, delivered
+    // once this delivery has returned, never inside it.
+    int depth = 0, deepest = 0;
     center.addObserver(recorder.self, [&](const Notification&) {
+      deepest = std::max(deepest, ++depth);
       if (recorder.seen.size() < 3) enqueue();
+      --depth;
     }, "DEFAULT_QUEUE_TEST");
     enqueue();
-    EXPECT_EQ(loop.runPending(), 3u);
+    loop.runPending();
     EXPECT_EQ(recorder.seen.size(), 3u);
+    EXPECT_EQ(deepest, 1);
   });
 }
 

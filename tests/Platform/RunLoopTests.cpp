@@ -32,6 +32,24 @@ TEST(PlatformRunLoop, PostedWorkRunsAfterTheCurrentCalloutAndDueCallsInDeadlineO
     EXPECT_EQ(loop.runPending(), 3u);
     EXPECT_EQ(order, (Order{"first", "first ends", "second", "posted by first"}));
 
+    // Work for the end of a callout runs as soon as it returns, ahead of
+    // what already waits, and is no callout of its own; what that work asks
+    // for in turn, and what is asked for outside a callout, is posted.
+    order.clear();
+    loop.postAfterCallout([&] { order.push_back("asked outside"); });
+    loop.post([&] {
+      order.push_back("first");
+      loop.postAfterCallout([&] {
+        order.push_back("after first");
+        loop.postAfterCallout([&] { order.push_back("asked after first"); });
+      });
+      loop.postAfterCallout([&] { order.push_back("after first, second"); });
+    });
+    loop.post([&] { order.push_back("waiting"); });
+    EXPECT_EQ(loop.runPending(), 4u);
+    EXPECT_EQ(order, (Order{"asked outside", "first", "after first", "after first, second", "waiting",
+                            "asked after first"}));
+
     // A manual clock fires due calls in deadline order, with posted work between.
     loop.useManualClock();
     const auto start = loop.now();

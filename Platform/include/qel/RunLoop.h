@@ -66,6 +66,12 @@ class QEL_EXPORT RunLoop {
   // Runs `callout` later on this loop, after the current callout has ended.
   // The one member that other threads may call.
   void post(std::function<void()> callout);
+  // Runs `callout` as soon as the callout now running has returned, before
+  // the loop takes up anything already waiting (a network completion, a
+  // timer). Outside a callout, and from a callout run this way, it is post().
+  // Notifications posted "as soon as possible" go out this way, so that what
+  // they announce still holds when they arrive.
+  void postAfterCallout(std::function<void()> callout);
 
   // Runs `callout` once `delay` has passed on the loop's clock. The returned
   // handle cancels it; dropping the handle does not. A loop that ends lets go
@@ -109,6 +115,11 @@ class QEL_EXPORT RunLoop {
   void runManualDue(TimePoint until);
   std::shared_ptr<ScheduledCall> nextManualDue(TimePoint until);
   void consumeStop(int depth);
+  // Runs `dispatch` (which may run a callout) as a callout, then whatever
+  // postAfterCallout() queued meanwhile.
+  template <class Dispatch>
+  auto asCallout(Dispatch&& dispatch);
+  void runAfterCallout();
 
   boost::asio::io_context context_;
   bool manualClock_ = false;
@@ -118,6 +129,9 @@ class QEL_EXPORT RunLoop {
   // Handlers of the loop's own deadline timers run since the last count.
   std::size_t ownHandlersRun_ = 0;
   int runDepth_ = 0;
+  int dispatching_ = 0;
+  bool endingCallout_ = false;
+  std::vector<std::function<void()>> afterCallout_;
   // The depth of the run that stop() ended, 0 when none is pending.
   int stopRequested_ = 0;
   std::vector<std::shared_ptr<ScheduledCall>> manualCalls_;
