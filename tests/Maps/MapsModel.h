@@ -67,14 +67,18 @@ struct ImageSpec {
   int width = 0;
   int height = 0;
   int src = 0;
-  bool extra = false;  // a field the framework does not know, to be kept
+  // Fields the framework does not know, to be kept: 0 adds one, 1 enough
+  // of them for an object larger than a handful of fields, others none.
+  int extra = -1;
 
   boost::json::object wire() const {
     boost::json::object object;
     if (const auto& w = sizeValues()[width].json) object["width"] = *w;
     if (const auto& h = sizeValues()[height].json) object["height"] = *h;
     if (const auto& s = sourceValues()[src]) object["src"] = *s;
-    if (extra) object["format"] = "png";
+    if (extra == 0 || extra == 1) object["format"] = "png";
+    if (extra == 1)
+      for (const char* field : {"alt", "title", "layer", "zoom", "crs", "license"}) object[field] = field;
     return object;
   }
   // The record entry: the image object without its null width, height, src.

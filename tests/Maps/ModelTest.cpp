@@ -7,7 +7,7 @@
 // application, with sender, order and coalescing.
 //
 //   QEL_MODEL_SEED=n       first sequence's seed (default: fixed)
-//   QEL_MODEL_SEQUENCES=n  how many sequences (default 2000)
+//   QEL_MODEL_SEQUENCES=n  how many sequences (default 5000)
 //   QEL_MODEL_SECONDS=n    long mode: new sequences for n seconds
 //
 // A failing sequence is shrunk (steps dropped while it still fails) and
@@ -100,7 +100,7 @@ Step randomStep(std::mt19937& rng) {
   if (step.op == Op::Event || step.op == Op::RestAnswer) {
     const int count = below(5);
     for (int i = 0; i < count; ++i)
-      step.images.push_back({sizeIndex(), sizeIndex(), below(10) < 7 ? below(3) : 3 + below(2), below(10) == 0});
+      step.images.push_back({sizeIndex(), sizeIndex(), below(10) < 7 ? below(3) : 3 + below(2), below(10)});
   }
   return step;
 }
@@ -605,7 +605,7 @@ std::uint64_t environmentNumber(const char* name, std::uint64_t fallback) {
 
 TEST(ModelTest, RandomSequencesBehaveAsTheModelSays) {
   const auto firstSeed = environmentNumber("QEL_MODEL_SEED", 20261125);
-  const auto sequences = environmentNumber("QEL_MODEL_SEQUENCES", 2000);
+  const auto sequences = environmentNumber("QEL_MODEL_SEQUENCES", 5000);
   const auto seconds = environmentNumber("QEL_MODEL_SECONDS", 0);
   const auto began = std::chrono::steady_clock::now();
   std::uint64_t count = 0;

@@ -115,8 +115,9 @@ boost::json::object keyedEntries(boost::json::array& images) {
 boost::json::object mergedRecord(const boost::json::object& current, boost::json::object update) {
   // A server that lists every picture each time replaces every entry in the
   // same order: the update is the new record as it is.
-  const bool sameKeys = update.size() == current.size() &&
-                        std::equal(current.begin(), current.end(), update.begin(),
+  // Both ends given: records of other lengths are told apart before any
+  // key is read, never by reading past the shorter one.
+  const bool sameKeys = std::equal(current.begin(), current.end(), update.begin(), update.end(),
                                    [](const auto& a, const auto& b) { return a.key() == b.key(); });
   if (sameKeys) return update;
 
