@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cassert>
 #include <iterator>
-#include <type_traits>
 #include <utility>
 
 namespace qel {
@@ -59,26 +58,18 @@ void RunLoop::assertOnLoopThread() const {
 }
 
 template <class Dispatch>
-auto RunLoop::asCallout(Dispatch&& dispatch) {
-  struct Depth {
-    int& depth;
-    explicit Depth(int& d) : depth(++d) {}
-    ~Depth() { --depth; }
-  };
-  if constexpr (std::is_void_v<decltype(dispatch())>) {
-    {
-      Depth depth(dispatching_);
-      dispatch();
-    }
-    runAfterCallout();
-  } else {
-    auto result = [&] {
-      Depth depth(dispatching_);
-      return dispatch();
-    }();
-    runAfterCallout();
-    return result;
+std::size_t RunLoop::asCallout(Dispatch&& dispatch) {
+  std::size_t ran = 0;
+  {
+    ++dispatching_;
+    struct Leave {
+      int& depth;
+      ~Leave() { --depth; }
+    } leave{dispatching_};
+    ran = dispatch();
   }
+  runAfterCallout();
+  return ran;
 }
 
 void RunLoop::runAfterCallout() {
@@ -100,6 +91,14 @@ void RunLoop::runAfterCallout() {
     throw;
   }
   endingCallout_ = false;
+}
+
+void RunLoop::fireCallout(ScheduledCall& call) {
+  asCallout([&] {
+    call.fire();
+    return std::size_t{1};
+  });
+  ++calloutCount_;
 }
 
 void RunLoop::postAfterCallout(std::function<void()> callout) {
@@ -183,8 +182,7 @@ std::size_t RunLoop::runPending() {
     count += ran;
     if (manualClock_) {
       if (auto call = nextManualDue(manualNow_)) {
-        asCallout([&] { call->fire(); });
-        ++calloutCount_;
+        fireCallout(*call);
         ++count;
         continue;
       }
@@ -252,8 +250,7 @@ void RunLoop::advance(Duration duration) {
   const TimePoint target = manualNow_ + std::max(duration, Duration::zero());
   while (auto call = nextManualDue(target)) {
     manualNow_ = std::max(manualNow_, call->deadline_);
-    asCallout([&] { call->fire(); });
-    ++calloutCount_;
+    fireCallout(*call);
     runPending();
   }
   manualNow_ = target;
@@ -261,8 +258,7 @@ void RunLoop::advance(Duration duration) {
 
 void RunLoop::runManualDue(TimePoint until) {
   while (auto call = nextManualDue(until)) {
-    asCallout([&] { call->fire(); });
-    ++calloutCount_;
+    fireCallout(*call);
   }
 }
 

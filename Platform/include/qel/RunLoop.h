@@ -115,11 +115,13 @@ class QEL_EXPORT RunLoop {
   void runManualDue(TimePoint until);
   std::shared_ptr<ScheduledCall> nextManualDue(TimePoint until);
   void consumeStop(int depth);
-  // Runs `dispatch` (which may run a callout) as a callout, then whatever
-  // postAfterCallout() queued meanwhile.
+  // Runs `dispatch` (which may run a callout and returns how many it ran)
+  // as a callout, then whatever postAfterCallout() queued meanwhile.
   template <class Dispatch>
-  auto asCallout(Dispatch&& dispatch);
+  std::size_t asCallout(Dispatch&& dispatch);
   void runAfterCallout();
+  // Fires a due call of the manual clock as a callout and counts it.
+  void fireCallout(ScheduledCall& call);
 
   boost::asio::io_context context_;
   bool manualClock_ = false;
