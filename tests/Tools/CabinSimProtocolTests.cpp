@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 std::optional<cabinsim::CommandLine> parse(std::vector<std::string> args) {
@@ -23,22 +25,15 @@ TEST(CommandLine, EveryFlagInBothSpellings) {
                            "--image-host", "https://elsewhere.example:9443", "--seed", "7"});
   ASSERT_TRUE(line);
   const auto& o = line->options;
-  EXPECT_EQ(o.host, "localhost");
-  EXPECT_EQ(o.port, 8443);
-  EXPECT_EQ(o.caOut, "/tmp/ca.pem");
-  EXPECT_DOUBLE_EQ(o.intervalSeconds, 0.2);
+  const auto& f = o.faults;
+  EXPECT_EQ(std::tie(o.host, o.port, o.caOut, o.intervalSeconds, o.seed),
+            std::make_tuple(std::string("localhost"), std::uint16_t{8443}, std::string("/tmp/ca.pem"), 0.2,
+                            std::uint64_t{7}));
   EXPECT_EQ(o.resolutions, (std::vector<cabinsim::Resolution>{{640, 480}, {320, 240}}));
-  EXPECT_EQ(o.faults.failRest, 2);
-  EXPECT_DOUBLE_EQ(o.faults.failRestRate, 0.25);
-  EXPECT_DOUBLE_EQ(o.faults.failRestForSeconds, 7.5);
-  EXPECT_DOUBLE_EQ(o.faults.dropEventsEverySeconds, 1.5);
-  EXPECT_EQ(o.faults.malformedEventsEvery, 3);
-  EXPECT_EQ(o.faults.failImages, 4);
-  EXPECT_DOUBLE_EQ(o.faults.failImagesRate, 0.5);
-  EXPECT_EQ(o.faults.delayImagesMs, 250);
-  EXPECT_TRUE(o.faults.nonImageBody);
-  EXPECT_EQ(o.faults.imageHost, "https://elsewhere.example:9443");
-  EXPECT_EQ(o.seed, 7u);
+  EXPECT_EQ(std::tie(f.failRest, f.failRestRate, f.failRestForSeconds, f.dropEventsEverySeconds,
+                     f.malformedEventsEvery, f.failImages, f.failImagesRate, f.delayImagesMs, f.nonImageBody),
+            std::make_tuple(2, 0.25, 7.5, 1.5, 3, 4, 0.5, 250, true));
+  EXPECT_EQ(f.imageHost, "https://elsewhere.example:9443");
 
   // Without flags it binds loopback on a free port.
   EXPECT_EQ(parse({})->options.host, "127.0.0.1");
@@ -50,18 +45,9 @@ TEST(CommandLine, EveryFlagInBothSpellings) {
 
 TEST(CommandLine, RejectsWhatItCannotHonour) {
   for (const auto& args : std::vector<std::vector<std::string>>{
-           {"--bogus"},
-           {"--port"},
-           {"--port", "65536"},
-           {"--interval", "0"},
-           {"--interval", "fast"},
-           {"--resolutions", "1024x768,"},
-           {"--resolutions", "1024by768"},
-           {"--resolutions", "800x600,800x600"},
-           {"--fail-rest-rate", "1.5"},
-           {"--fail-images", "-1"},
-           {"--non-image-body=yes"},
-           {"--cert", "server.pem"},
+           {"--bogus"}, {"--port"}, {"--port", "65536"}, {"--interval", "0"}, {"--interval", "fast"},
+           {"--resolutions", "1024x768,"}, {"--resolutions", "1024by768"}, {"--resolutions", "800x600,800x600"},
+           {"--fail-rest-rate", "1.5"}, {"--fail-images", "-1"}, {"--non-image-body=yes"}, {"--cert", "server.pem"}
        }) {
     SCOPED_TRACE(args.front());
     EXPECT_FALSE(parse(args));
