@@ -54,23 +54,17 @@ TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilThe
   {
     qel::QtBroadcastMaps maps;
     ASSERT_TRUE(maps.isValid());
-    const auto onGuiThread = [&] { offThread += QThread::currentThread() != qApp->thread(); };
-    QObject::connect(&maps, &qel::QtBroadcastMaps::imageChanged, [&](const QImage& image) {
-      onGuiThread();
-      picture = image;
-    });
-    QObject::connect(&maps, &qel::QtBroadcastMaps::resolutionsChanged, [&](const QList<QSize>& sizes) {
-      onGuiThread();
-      resolutions = sizes;
-    });
-    QObject::connect(&maps, &qel::QtBroadcastMaps::statusChanged, [&] {
-      onGuiThread();
-      ++statusChanges;
-    });
-    QObject::connect(&maps, &qel::QtBroadcastMaps::receivingChanged, [&](bool on) {
-      onGuiThread();
-      receiving.push_back(on);
-    });
+    // Each signal is recorded, and counted when it comes from another thread.
+    const auto watch = [&](auto signal, auto record) {
+      QObject::connect(&maps, signal, [&, record](const auto&... args) {
+        offThread += QThread::currentThread() != qApp->thread();
+        record(args...);
+      });
+    };
+    watch(&qel::QtBroadcastMaps::imageChanged, [&](const QImage& image) { picture = image; });
+    watch(&qel::QtBroadcastMaps::resolutionsChanged, [&](const QList<QSize>& sizes) { resolutions = sizes; });
+    watch(&qel::QtBroadcastMaps::statusChanged, [&] { ++statusChanges; });
+    watch(&qel::QtBroadcastMaps::receivingChanged, [&](bool on) { receiving.push_back(on); });
 
     maps.setResolution({800, 600});
     qelviewer::ViewerWindow window(maps);
