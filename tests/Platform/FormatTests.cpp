@@ -21,19 +21,10 @@ using testing::MatchesRegex;
 
 TEST(PlatformFormat, DescribesJSONValuesAsThePlatformPrintsThem) {
   const std::pair<boost::json::value, const char*> cases[] = {
-      {42, "42"},
-      {std::numeric_limits<std::uint64_t>::max(), "18446744073709551615"},
-      {800.0, "800"},
-      {1024.5, "1024.5"},
-      {0.1, "0.1"},
-      {-0.25, "-0.25"},
-      {1e20, "1e+20"},
-      {"text with %@", "text with %@"},
-      {true, "1"},
-      {false, "0"},
-      {nullptr, "<null>"},
-      {boost::json::parse(R"({"k": [1, "a", null]})"), R"({"k":[1,"a",null]})"},
-  };
+      {42, "42"}, {std::numeric_limits<std::uint64_t>::max(), "18446744073709551615"}, {800.0, "800"},
+      {1024.5, "1024.5"}, {0.1, "0.1"}, {-0.25, "-0.25"}, {1e20, "1e+20"}, {"text with %@", "text with %@"},
+      {true, "1"}, {false, "0"}, {nullptr, "<null>"},
+      {boost::json::parse(R"({"k": [1, "a", null]})"), R"({"k":[1,"a",null]})"}};
   for (const auto& [value, expected] : cases) {
     EXPECT_EQ(describe(value), expected) << boost::json::serialize(value);
   }
@@ -43,17 +34,10 @@ TEST(PlatformFormat, DescribesJSONValuesAsThePlatformPrintsThem) {
 TEST(PlatformFormat, FloatValueReadsNumbersAndLeadingDecimals) {
   const std::pair<boost::json::value, float> cases[] = {
       {0.1, 0.1f},  // rounded to single precision
-      {"12.5px", 12.5f},
-      {"  -3e2x", -300.0f},
-      {"7e", 7.0f},
-      {"abc", 0.0f},
-      {"0x10", 0.0f},
-      {true, 1.0f},
-      {nullptr, 0.0f},
-      {boost::json::array{1}, 0.0f},
+      {"12.5px", 12.5f}, {"  -3e2x", -300.0f}, {"7e", 7.0f}, {"abc", 0.0f}, {"0x10", 0.0f}, {true, 1.0f},
+      {nullptr, 0.0f}, {boost::json::array{1}, 0.0f},
       {std::numeric_limits<std::uint64_t>::max(), 0x1p64f},  // any integer is within float's range
-      {std::numeric_limits<std::int64_t>::min(), -0x1p63f},
-  };
+      {std::numeric_limits<std::int64_t>::min(), -0x1p63f}};
   for (const auto& [value, expected] : cases) {
     EXPECT_EQ(floatValue(&value), expected) << boost::json::serialize(value);
   }
@@ -67,16 +51,10 @@ TEST(PlatformFormat, FloatValueReadsNumbersAndLeadingDecimals) {
   constexpr float kLargest = std::numeric_limits<float>::max();
   constexpr double kHalfway = 0x1.ffffffp127;  // between the largest float and 2^128
   const std::pair<boost::json::value, float> beyond[] = {
-      {boost::json::parse("1e39"), kInf},
-      {boost::json::parse("-1e39"), -kInf},
+      {boost::json::parse("1e39"), kInf}, {boost::json::parse("-1e39"), -kInf},
       {boost::json::parse("1e400"), kInf},  // the parser's own overflow
-      {std::numeric_limits<double>::max(), kInf},
-      {kHalfway, kInf},
-      {std::nextafter(kHalfway, 0.0), kLargest},
-      {-3.4028235e38, -kLargest},
-      {"1e39", kInf},
-      {"-1e39px", -kInf},
-  };
+      {std::numeric_limits<double>::max(), kInf}, {kHalfway, kInf}, {std::nextafter(kHalfway, 0.0), kLargest},
+      {-3.4028235e38, -kLargest}, {"1e39", kInf}, {"-1e39px", -kInf}};
   const int mode = std::fegetround();
   for (const int rounding : {FE_TONEAREST, FE_TOWARDZERO, FE_DOWNWARD}) {
     std::fesetround(rounding);

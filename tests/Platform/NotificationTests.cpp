@@ -25,7 +25,7 @@ UserInfo info(const char* tag) {
   return std::make_shared<const boost::json::object>(boost::json::object{{"tag", tag}});
 }
 
-TEST(PlatformNotificationCenter, DeliversSynchronouslyInRegistrationOrderByNameAndSender) {
+TEST(PlatformNotificationCenter, DeliversSynchronouslyInRegistrationOrderByNameAndSenderIdentity) {
   NotificationCenter center;
   auto observer = thing(), sender = thing(), other = thing();
   const UserInfo carried = info("x");
@@ -50,17 +50,11 @@ TEST(PlatformNotificationCenter, DeliversSynchronouslyInRegistrationOrderByNameA
   center.removeObserver(observer.get(), "A", sender.get());  // exactly that registration
   center.postNotificationName("A", sender);
   EXPECT_EQ(seen, (Seen{"any:A", "A", "anything from sender"}));
-}
 
-TEST(PlatformNotificationCenter, SenderFilterMatchesIdentityNotAddress) {
-  // Two senders built at the same address, one after the other: a filter on
-  // the first must not match the second.
+  // A sender built at the address of one gone is another sender: a filter
+  // on the first must not match it.
   alignas(Thing) unsigned char storage[sizeof(Thing)];
-  auto place = [&] {
-    return std::shared_ptr<Thing>(new (storage) Thing, [](Thing* t) { t->~Thing(); });
-  };
-  NotificationCenter center;
-  auto observer = thing();
+  auto place = [&] { return std::shared_ptr<Thing>(new (storage) Thing, [](Thing* t) { t->~Thing(); }); };
   int calls = 0;
   auto first = place();
   center.addObserver(observer, [&](const Notification&) { ++calls; }, "N", first);
@@ -112,7 +106,7 @@ struct Recorder {
   }
 };
 
-TEST(PlatformNotificationQueue, PostsWaitForTheCurrentCalloutCoalesceAndDieWithTheirQueue) {
+TEST(PlatformNotificationQueue, PostsWaitForTheCurrentCalloutCoalesceDieWithTheirQueueAndNeverNest) {
   onFreshLoop([](RunLoop& loop) {
     NotificationCenter center;
     NotificationQueue queue(center, loop);
@@ -143,28 +137,25 @@ TEST(PlatformNotificationQueue, PostsWaitForTheCurrentCalloutCoalesceAndDieWithT
     enqueue("N", b, "other sender");
     loop.runPending();
     EXPECT_EQ(recorder.seen, (Seen{"N#first", "M#other name", "N#other sender"}));
-  });
-}
 
-TEST(PlatformNotificationQueue, DefaultQueuePostsLaterWhatIsEnqueuedWhileDelivering) {
-  onFreshLoop([](RunLoop& loop) {
-    auto& center = NotificationCenter::defaultCenter();
-    Recorder recorder(center);
-    auto enqueue = [] {
-      NotificationQueue::defaultQueue().enqueueNotification(
-          Notification("DEFAULT_QUEUE_TEST", nullptr), PostingStyle::PostASAP);
+    // Through the default queue and centre, each delivery enqueues an equal
+    // notification: news again, delivered once this delivery has returned,
+    // never inside it.
+    auto& defaultCenter = NotificationCenter::defaultCenter();
+    Recorder defaultRecorder(defaultCenter);
+    auto enqueueDefault = [] {
+      NotificationQueue::defaultQueue().enqueueNotification(Notification("DEFAULT_QUEUE_TEST", nullptr),
+                                                            PostingStyle::PostASAP);
     };
-    // Each delivery enqueues an equal notification: news again, delivered
-    // once this delivery has returned, never inside it.
     int depth = 0, deepest = 0;
-    center.addObserver(recorder.self, [&](const Notification&) {
+    defaultCenter.addObserver(defaultRecorder.self, [&](const Notification&) {
       deepest = std::max(deepest, ++depth);
-      if (recorder.seen.size() < 3) enqueue();
+      if (defaultRecorder.seen.size() < 3) enqueueDefault();
       --depth;
     }, "DEFAULT_QUEUE_TEST");
-    enqueue();
+    enqueueDefault();
     loop.runPending();
-    EXPECT_EQ(recorder.seen.size(), 3u);
+    EXPECT_EQ(defaultRecorder.seen.size(), 3u);
     EXPECT_EQ(deepest, 1);
   });
 }
