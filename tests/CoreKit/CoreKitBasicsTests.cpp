@@ -11,6 +11,7 @@
 #include <random>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -110,27 +111,21 @@ class QELConfigurationTest : public ::testing::Test {
 
 TEST_F(QELConfigurationTest, EnvironmentFillsWhatTheApplicationLeftOpen) {
   EXPECT_EQ(QELConfiguration::effective().host, std::nullopt);
-  ::setenv("QEL_SKELION_HOSTNAME", "cabin.env", 1);
-  ::setenv("QEL_SKELION_PORT", "8443", 1);
-  ::setenv("QEL_CA_FILE", "/etc/cabin-ca.pem", 1);
-  ::setenv("QEL_EVENT_PATH", "/events", 1);
-  ::setenv("QEL_LOG_LEVEL", "4", 1);
+  for (const auto& [name, value] : {std::pair{"QEL_SKELION_HOSTNAME", "cabin.env"}, {"QEL_SKELION_PORT", "8443"},
+                                     {"QEL_CA_FILE", "/etc/cabin-ca.pem"}, {"QEL_EVENT_PATH", "/events"},
+                                     {"QEL_LOG_LEVEL", "4"}})
+    ::setenv(name, value, 1);
   QELConfiguration::reread();  // as a new service does
   auto c = QELConfiguration::effective();
-  EXPECT_EQ(c.host, "cabin.env");
-  EXPECT_EQ(c.port, 8443);
-  EXPECT_EQ(c.caFile, "/etc/cabin-ca.pem");
-  EXPECT_EQ(c.eventPath, "/events");
-  EXPECT_EQ(c.logThreshold, 4);
+  EXPECT_EQ(std::tie(c.host, c.port, c.caFile, c.eventPath, c.logThreshold),
+            std::make_tuple("cabin.env", 8443, "/etc/cabin-ca.pem", "/events", 4));
 
   QELConfiguration app;
   app.host = "cabin.app";
   app.port = 9443;
   QELConfiguration::set(app);
   c = QELConfiguration::effective();
-  EXPECT_EQ(c.host, "cabin.app");
-  EXPECT_EQ(c.port, 9443);
-  EXPECT_EQ(c.caFile, "/etc/cabin-ca.pem");
+  EXPECT_EQ(std::tie(c.host, c.port, c.caFile), std::make_tuple("cabin.app", 9443, "/etc/cabin-ca.pem"));
   EXPECT_EQ(QELHostname::skelionHostname(), "cabin.app");
   EXPECT_EQ(QELLogging::threshold(), 5) << "set() applies only an explicit log threshold";
 
@@ -148,9 +143,7 @@ TEST_F(QELConfigurationTest, InvalidEnvironmentValuesFallBackToTheDefaultsWithAL
   ::setenv("QEL_EVENT_PATH", "events", 1);
   ::setenv("QEL_LOG_LEVEL", "loud", 1);
   const auto c = QELConfiguration::effective();
-  EXPECT_EQ(c.port, 443);
-  EXPECT_EQ(c.eventPath, "/skelion/events");
-  EXPECT_EQ(c.logThreshold, 3);
+  EXPECT_EQ(std::tie(c.port, c.eventPath, c.logThreshold), std::make_tuple(443, "/skelion/events", 3));
   EXPECT_EQ(QELConfiguration::current()->port, 443);
   EXPECT_EQ(env_.logsContaining("QEL_EVENT_PATH").size(), 1u) << "logged once however often read";
   ::setenv("QEL_SKELION_PORT", "70000", 1);

@@ -66,6 +66,18 @@ class QELRequestQueueTest : public ::testing::Test {
     env_.requests().failNext(std::move(error));
     runPending();
   }
+  // The open attempt fails, and the retry comes no earlier than `earliest`
+  // and no later than `latest`.
+  void retryWithin(RunLoop::Duration earliest, RunLoop::Duration latest,
+                   std::optional<std::chrono::seconds> retryAfter = std::nullopt) {
+    const auto before = env_.requests().attempts().size();
+    env_.requests().failNext("unavailable", retryAfter);
+    runPending();
+    advance(earliest - 1ms);
+    EXPECT_EQ(env_.requests().attempts().size(), before) << "a retry came early, after " << before << " attempts";
+    advance(latest - earliest + 1ms);
+    ASSERT_EQ(env_.requests().attempts().size(), before + 1) << "a retry is missing, after " << before << " attempts";
+  }
 
   ScriptedEnvironment env_;
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
@@ -104,28 +116,18 @@ TEST_F(QELRequestQueueTest, RetriesWithGrowingJitteredDelaysKeepingTheSlotThenTe
   queue_->addRequest(request("/c", 1));
   runPending();
 
-  struct Window {
-    RunLoop::Duration earliest, latest;
-  };
-  auto retryWithin = [&](Window window, std::optional<std::chrono::seconds> retryAfter = std::nullopt) {
-    const auto before = env_.requests().attempts().size();
-    env_.requests().failNext("unavailable", retryAfter);
-    runPending();
-    advance(window.earliest - 1ms);
-    EXPECT_EQ(env_.requests().attempts().size(), before) << "a retry came early";
-    advance(window.latest - window.earliest + 1ms);
-    ASSERT_EQ(env_.requests().attempts().size(), before + 1) << "a retry is missing";
-  };
-  for (const Window window : {Window{1500ms, 2s}, Window{7500ms, 10s}, Window{22500ms, 30s}}) retryWithin(window);
+  retryWithin(1500ms, 2s);
+  retryWithin(7500ms, 10s);
+  retryWithin(22500ms, 30s);
   EXPECT_EQ(env_.requests().attempts().back().url, "/a") << "the slot was given away";
   EXPECT_TRUE(delegate_->outcomes.empty());
   failNext("unavailable");
   EXPECT_EQ(delegate_->outcomes, (Urls{"fail /a unavailable"}));
 
   // Retry-After: later than the backoff is heeded, beyond a minute it is not.
-  retryWithin({20s, 20s}, 20s);
-  retryWithin({60s, 60s}, std::chrono::hours(24));
-  retryWithin({22500ms, 30s}, 1s);
+  retryWithin(20s, 20s, 20s);
+  retryWithin(60s, 60s, std::chrono::hours(24));
+  retryWithin(22500ms, 30s, 1s);
   finishNext("ok");
 
   // A retry that succeeds finishes.
@@ -148,16 +150,9 @@ TEST_F(QELRequestQueueTest, RetriesFollowTheConfiguredPolicy) {
   QELConfiguration::set(configuration);
   queue_->addRequest(request("/a", 6));
   runPending();
-  for (const auto& [wait, retryAfter] : std::vector<std::pair<RunLoop::Duration, std::chrono::seconds>>{
-           {100ms, 0s}, {300ms, 0s}, {900ms, 0s}, {1s, 0s}, {5s, 60s}, {2s, 2s}}) {
-    const auto before = env_.requests().attempts().size();
-    env_.requests().failNext("unavailable", retryAfter.count() ? std::optional(retryAfter) : std::nullopt);
-    runPending();
-    advance(wait - 1ms);
-    EXPECT_EQ(env_.requests().attempts().size(), before) << "early, after " << before << " attempts";
-    advance(1ms);
-    ASSERT_EQ(env_.requests().attempts().size(), before + 1) << "late, after " << before << " attempts";
-  }
+  for (const auto wait : {100ms, 300ms, 900ms, 1000ms}) retryWithin(wait, wait);
+  retryWithin(5s, 5s, 60s);
+  retryWithin(2s, 2s, 2s);
   finishNext("ok");
 
   configuration.reconnect->requests.multiplier = 0.5;
@@ -166,7 +161,7 @@ TEST_F(QELRequestQueueTest, RetriesFollowTheConfiguredPolicy) {
   QELConfiguration::set({});
 }
 
-TEST_F(QELRequestQueueTest, CancelInEachStateSilencesTheRequestAndFreesItsSlot) {
+TEST_F(QELRequestQueueTest, CancelInEachStateSilencesTheRequestFreesItsSlotAndKeepsTheOthersInOrder) {
   queue_->setMaxConcurrentOperationCount(1);
   auto early = request("/early"), running = request("/running"), waiting = request("/waiting");
   auto backingOff = request("/backing-off", 2), delivered = request("/delivered");
@@ -199,18 +194,15 @@ TEST_F(QELRequestQueueTest, CancelInEachStateSilencesTheRequestAndFreesItsSlot) 
   EXPECT_EQ(attemptedURLs(), (Urls{"/running", "/backing-off", "/delivered", "/last"}));
   EXPECT_EQ(delegate_->outcomes, (Urls{"finish /last done"}));
   EXPECT_EQ(queue_->operationCount(), 0u);
-}
 
-TEST_F(QELRequestQueueTest, CancelsBehindABusySlotLeaveTheOthersInOrder) {
-  queue_->setMaxConcurrentOperationCount(1);
+  // Cancels behind a busy slot leave the others in order.
   std::vector<std::shared_ptr<TestRequest>> requests;
-  for (const char* url : {"/busy", "/1", "/2", "/3", "/4", "/5"}) requests.push_back(request(url));
-  for (const auto& r : requests) queue_->addRequest(r);
+  for (const char* url : {"/busy", "/1", "/2", "/3", "/4", "/5"}) queue_->addRequest(requests.emplace_back(request(url)));
   runPending();
   for (int i : {1, 2, 4}) requests[static_cast<std::size_t>(i)]->cancel();  // the last one compacts
   EXPECT_EQ(queue_->operationCount(), 3u);
   for (int i = 0; i < 3; ++i) finishNext("ok");
-  EXPECT_EQ(attemptedURLs(), (Urls{"/busy", "/3", "/5"}));
+  EXPECT_EQ(attemptedURLs(), (Urls{"/running", "/backing-off", "/delivered", "/last", "/busy", "/3", "/5"}));
   EXPECT_EQ(queue_->operationCount(), 0u);
 }
 
