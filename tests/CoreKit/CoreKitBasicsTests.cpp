@@ -61,7 +61,8 @@ TEST(QELLoggingTest, DropsLinesAboveTheThresholdBeforeFormattingThemAndWritesThe
   const std::string written = ::testing::internal::GetCapturedStderr();
   const std::regex stamp(R"((^|\n)\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )");
   EXPECT_EQ(std::regex_replace(written, stamp, "$1@ "),
-            "@ 2 Dom.cpp hello world\n@ 2 Dom.cpp GET /a\\n1 FAKE\\x1b[2J\\x0b\\x0c\\r\\t\\x7f\\u009b\xc3\xa9\\x refused\n");
+            "@ 2 Dom.cpp hello world\n"
+            "@ 2 Dom.cpp GET /a\\n1 FAKE\\x1b[2J\\x0b\\x0c\\r\\t\\x7f\\u009b\xc3\xa9\\x refused\n");
 }
 
 TEST(QELLoggingTest, ARepeatedWarningIsWrittenOncePerWindowWithTheCountLeftOut) {

@@ -16,8 +16,7 @@ using testing::ScriptedEnvironment;
 using Urls = std::vector<std::string>;
 
 struct TestRequest : QELRESTRequest {
-  TestRequest(std::optional<std::string> url, int retries,
-              const std::shared_ptr<QELRequestDelegate>& delegate)
+  TestRequest(std::optional<std::string> url, int retries, const std::shared_ptr<QELRequestDelegate>& delegate)
       : QELRESTRequest(delegate), url(std::move(url)), retries(retries) {}
   std::optional<std::string> requestURL() const override { return url; }
   int numberOfRetries() const override { return retries; }
@@ -35,8 +34,7 @@ struct RecordingDelegate : QELRequestDelegate {
   void requestDidFail(const std::shared_ptr<QELRequest>& request, const Error& error) override {
     record("fail ", request, error.localizedDescription);
   }
-  void record(const char* what, const std::shared_ptr<QELRequest>& request,
-              const std::string& detail) {
+  void record(const char* what, const std::shared_ptr<QELRequest>& request, const std::string& detail) {
     outcomes.push_back(what + request->requestURL().value_or("") + " " + detail);
     if (hook) hook(request);
   }
@@ -111,9 +109,8 @@ TEST_F(QELRequestQueueTest, RunsFirstInFirstOutNeverAboveTheLimit) {
 // server's Retry-After, which counts up to a minute.
 TEST_F(QELRequestQueueTest, RetriesWithGrowingJitteredDelaysKeepingTheSlotThenTellsOnce) {
   queue_->setMaxConcurrentOperationCount(1);
-  queue_->addRequest(request("/a", 3));
-  queue_->addRequest(request("/b", 3));
-  queue_->addRequest(request("/c", 1));
+  for (const auto& [url, retries] : {std::pair{"/a", 3}, {"/b", 3}, {"/c", 1}})
+    queue_->addRequest(request(url, retries));
   runPending();
 
   retryWithin(1500ms, 2s);
@@ -197,7 +194,8 @@ TEST_F(QELRequestQueueTest, CancelInEachStateSilencesTheRequestFreesItsSlotAndKe
 
   // Cancels behind a busy slot leave the others in order.
   std::vector<std::shared_ptr<TestRequest>> requests;
-  for (const char* url : {"/busy", "/1", "/2", "/3", "/4", "/5"}) queue_->addRequest(requests.emplace_back(request(url)));
+  for (const char* url : {"/busy", "/1", "/2", "/3", "/4", "/5"})
+    queue_->addRequest(requests.emplace_back(request(url)));
   runPending();
   for (int i : {1, 2, 4}) requests[static_cast<std::size_t>(i)]->cancel();  // the last one compacts
   EXPECT_EQ(queue_->operationCount(), 3u);

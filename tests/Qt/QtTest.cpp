@@ -49,8 +49,7 @@ TEST(QtViewerTest, TheWindowShowsTheServedPictureSignalledOnTheGuiThreadUntilThe
   QImage picture, kept;
   QList<QSize> resolutions;
   std::vector<bool> receiving;
-  int offThread = 0;
-  int statusChanges = 0;
+  int offThread = 0, statusChanges = 0;
   {
     qel::QtBroadcastMaps maps;
     ASSERT_TRUE(maps.isValid());
