@@ -124,6 +124,13 @@ TEST(PlatformNotificationQueue, PostsWaitForTheCurrentCalloutCoalesceDieWithThei
     loop.runPending();
     EXPECT_EQ(seenInside, (Seen{"now"}));
     EXPECT_EQ(recorder.seen, (Seen{"now", "asap", "idle"}));
+    // Enqueued outside a callout, an idle one still waits for an ASAP one
+    // enqueued after it.
+    recorder.seen.clear();
+    queue.enqueueNotification(Notification("idle", nullptr), PostingStyle::PostWhenIdle);
+    queue.enqueueNotification(Notification("asap", nullptr), PostingStyle::PostASAP);
+    loop.runPending();
+    EXPECT_EQ(recorder.seen, (Seen{"asap", "idle"}));
 
     // Coalesced on name and sender, keeping the one that waits.
     recorder.seen.clear();
