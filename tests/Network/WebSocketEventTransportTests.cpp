@@ -141,8 +141,7 @@ TEST_F(WebSocketEventTransportTests, ARaceOverManySilentAddressesHoldsFewDescrip
   options.configuration = addresses.configuration;
   const long before = openDescriptors();
   long peak = before;
-  manager().setTransport(std::make_unique<WebSocketEventTransport>(std::move(options)));
-  manager().addTarget(listener_, &Listener::receive, QELServiceEventClientConnected);
+  install(options);
   ASSERT_TRUE(runUntil([&] {
     peak = std::max(peak, openDescriptors());
     return !listener_->names.empty();
@@ -173,10 +172,6 @@ TEST_F(WebSocketEventTransportTests, AnAnnouncedRestartAndANetworkChangeCutTheWa
   EXPECT_EQ(std::count(listener_->names.begin(), listener_->names.end(), QELServiceEventClientConnected), 3);
   channel.networkChanged();
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 4)) << "the network change did not reconnect";
-  // Connected, a change checks the path with a ping, and the channel stays.
-  channel.networkChanged();
-  loop().runFor(100ms);
-  EXPECT_TRUE(manager().isConnected());
 }
 
 // Each connection lost soon after it was made lengthens the next wait; one
