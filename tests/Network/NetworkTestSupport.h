@@ -19,6 +19,7 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -105,14 +106,7 @@ struct DeadFirstAddresses : SilentAddresses {
 };
 
 // Descriptors this process has open now.
-inline long openDescriptors() {
-  long count = 0;
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator("/proc/self/fd", error); !error && it != decltype(it)(); ++it) {
-    ++count;
-  }
-  return count;
-}
+inline long openDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 // A trusted CA written to a file, a server it certified for 127.0.0.1 and
 // localhost, and the core kit configured to reach it.
