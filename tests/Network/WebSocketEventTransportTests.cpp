@@ -38,21 +38,20 @@ class WebSocketEventTransportTests : public NetworkTest {
   static QELEventManager& manager() { return QELEventManager::defaultManager(); }
 
   // Installs a transport with these options and registers the listener for
-  // its connects and disconnects (and map updates), which starts it.
-  WebSocketEventTransport& install(WebSocketEventTransport::Options options, bool updates = false) {
+  // its connects, disconnects and map updates, which starts it.
+  WebSocketEventTransport& install(WebSocketEventTransport::Options options) {
     auto transport = std::make_unique<WebSocketEventTransport>(std::move(options));
     auto& result = *transport;
     manager().setTransport(std::move(transport));
-    for (const char* name : {QELServiceEventClientConnected, QELServiceEventClientDisconnected, kMapUpdate}) {
-      if (updates || std::string_view(name) != kMapUpdate) manager().addTarget(listener_, &Listener::receive, name);
-    }
+    for (const char* name : {QELServiceEventClientConnected, QELServiceEventClientDisconnected, kMapUpdate})
+      manager().addTarget(listener_, &Listener::receive, name);
     return result;
   }
   WebSocketEventTransport& listen(std::optional<QELConfiguration> configuration = std::nullopt) {
     WebSocketEventTransport::Options options;
     options.backoff = Backoff{20ms, 2.0, 30s, 1.0};
     options.configuration = std::move(configuration);
-    return install(std::move(options), /*updates=*/true);
+    return install(std::move(options));
   }
   bool waitFor(const std::string& name, long count) {
     return runUntil([&] { return std::count(listener_->names.begin(), listener_->names.end(), name) >= count; });
