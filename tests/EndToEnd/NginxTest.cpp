@@ -4,7 +4,7 @@
 // WebSocket server. The test runs its own nginx (its own prefix and
 // configuration, loopback, free ports) and stops it again.
 
-#include "../Network/TestServer.h"
+#include "../Network/NetworkTestSupport.h"
 
 #include <QELMaps/QELMaps.h>
 

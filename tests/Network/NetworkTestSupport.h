@@ -1,7 +1,8 @@
 #pragma once
 
 #include "TestDnsServer.h"
-#include "TestServer.h"
+
+#include "cabinsim/Certificates.h"
 
 #include <qel/RunLoop.h>
 #include <qel/core/QELHostname.h>
@@ -9,16 +10,67 @@
 
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace qel::core::net::testing {
+
+// A small HTTPS and secure WebSocket server on 127.0.0.1 and a free port, run
+// by the same loop as the code under test.
+//
+// It answers GET <target> with "body of <target>", except "/status/<code>"
+// with that status (and "?retry-after=<value>" as that header, "date" a
+// date in 2037), "/big..." with one byte more than a service answer may
+// have, and "/held" not until releaseHeld(). "/early..." sends an interim
+// 103 answer first; "/close..." ends its body by closing the connection;
+// "/trickle" sends 1201 bytes, 100 every 250 ms; "/silent" sends 100 of 101
+// and the last one on releaseHeld(). "/gzip-bomb..." is 64 MiB of zeros
+// gzipped, unasked: as a transfer coding for a path ending in ".png", else
+// as a content coding.
+// An upgrade request to any path becomes a WebSocket the test pushes frames
+// into; it answers pings.
+class TestServer {
+ public:
+  TestServer(boost::asio::io_context& ioContext, const cabinsim::ServerIdentity& identity);
+  ~TestServer();
+  TestServer(const TestServer&) = delete;
+  TestServer& operator=(const TestServer&) = delete;
+
+  std::uint16_t port() const;
+  // TCP connections accepted, and the targets of the HTTP requests read, so far.
+  int acceptCount() const;
+  // Connections open now, and handshakes that resumed an earlier TLS session.
+  int openCount() const;
+  int resumedCount() const;
+  const std::vector<std::string>& requestTargets() const;
+  void releaseHeld();
+  // Closes the idle keep-alive connections without a word, as a server does
+  // when its keep-alive timeout runs out.
+  void dropIdleConnections();
+
+  // To every WebSocket: a frame, or a clean close.
+  void send(const std::string& frame, bool binary = false);
+  void closeWebSockets(const std::string& reason = {}, std::uint16_t code = 1000);
+  // Every WebSocket stops reading and writing, pongs included, with its
+  // connection left open: a link that silently stopped carrying anything.
+  void silenceWebSockets();
+
+  struct State;
+
+ private:
+  std::shared_ptr<State> state_;
+};
 
 // `count` dead hosts at 127.0.0.2 and up on `port` (each a listener whose
 // accept queue is full drops connection requests without a word), then
@@ -54,14 +106,7 @@ struct DeadFirstAddresses : SilentAddresses {
 };
 
 // Descriptors this process has open now.
-inline long openDescriptors() {
-  long count = 0;
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator("/proc/self/fd", error); !error && it != decltype(it)(); ++it) {
-    ++count;
-  }
-  return count;
-}
+inline long openDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 // A trusted CA written to a file, a server it certified for 127.0.0.1 and
 // localhost, and the core kit configured to reach it.
