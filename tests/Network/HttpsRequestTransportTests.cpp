@@ -104,6 +104,11 @@ TEST_F(HttpsRequestTransportTests, AnswersOtherThanSuccessWithinTheSizeLimitFail
             (std::vector<std::string>{"status 404", failed(NetworkErrorCode::Redirect),
                                       failed(NetworkErrorCode::TooLarge), std::to_string(1024 * 1024 + 1) + " bytes"}))
       << delegate_->descriptions;
+  // The refused redirect's Location is the server's text: it reaches the
+  // application's status line, so it arrives escaped, with no control byte.
+  EXPECT_TRUE(std::none_of(delegate_->descriptions.begin(), delegate_->descriptions.end(),
+                           [](char c) { return c != '\n' && (static_cast<unsigned char>(c) < 0x20 || c == 0x7f); }))
+      << delegate_->descriptions;
 
   // The server's Retry-After reaches the queue, in either form (a day at most).
   auto transport = useTransport();

@@ -370,9 +370,9 @@ class CurlAttempt : public TransportOperation, public std::enable_shared_from_th
     releaseEasy();
     if (status == 304 && cache_) return finishNotModified();
     if (status >= 300 && status < 400) {
-      return fail(
-          networkError(NetworkErrorCode::Redirect, "redirect refused: status " + std::to_string(status) +
-                                                       (location ? " to \"" + *location + "\"" : std::string())));
+      return fail(networkError(NetworkErrorCode::Redirect,
+                               "redirect refused: status " + std::to_string(status) +
+                                   (location ? " to \"" + QELLogging::escaped(*location) + "\"" : std::string())));
     }
     if (status < 200 || status >= 300) {
       return fail(Error{kHTTPStatusErrorDomain, static_cast<int>(status),

@@ -57,7 +57,9 @@ class HttpsRequestTransport : public RequestTransport {
     std::chrono::milliseconds inactivityTimeout = kInactivityTimeout;
     // An unused connection is closed after this long.
     std::chrono::seconds maximumIdleTime = kMaximumIdleTime;
-    // Connections kept open per run loop, in use or idle.
+    // Connections kept open for reuse per run loop once their request ended;
+    // those in use are not counted (the request queue bounds them), the
+    // oldest idle one is closed when one more would exceed it.
     long maximumConnections = kMaximumConnections;
     UrlPolicy::Options urlPolicy;
     // Used instead of QELConfiguration::current() when set.
