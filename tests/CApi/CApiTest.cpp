@@ -18,13 +18,9 @@
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 
 #include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -122,13 +118,18 @@ void recordTrace(qelmaps_client*, const qelmaps_trace* trace, void* userData) {
   auto* recorder = static_cast<Recorder*>(userData);
   std::lock_guard lock(recorder->mutex);
   recorder->traces.emplace_back(trace->source, trace->result, trace->queued_us, trace->body_done_us, trace->shown_us);
+  recorder->changed.notify_all();
 }
 
 void countLog(int, const char*, const char*, void* userData) { ++static_cast<Recorder*>(userData)->logLines; }
 
-// A configuration whose every event, trace and log line the recorder sees.
-qelmaps_config* recordedConfig(Recorder& recorder) {
+// A configuration pointing at the cabin, every event, trace and log line
+// seen by the recorder.
+qelmaps_config* recordedConfig(Recorder& recorder, qel::testing::Simulator& cabin) {
   qelmaps_config* config = qelmaps_config_create();
+  qelmaps_config_set_host(config, "127.0.0.1");
+  qelmaps_config_set_port(config, cabin.port());
+  qelmaps_config_set_ca_file(config, cabin.caFile().c_str());
   qelmaps_config_set_log_threshold(config, 5);
   qelmaps_config_set_log_callback(config, countLog, &recorder);
   qelmaps_config_set_trace_callback(config, recordTrace, &recorder);
@@ -140,14 +141,7 @@ qelmaps_config* recordedConfig(Recorder& recorder) {
 
 class CApiTest : public ::testing::Test {
  protected:
-  // A configuration pointing at the simulator, every event recorded.
-  void SetUp() override {
-    config_ = recordedConfig(recorder_);
-    ASSERT_NE(config_, nullptr);
-    ASSERT_EQ(qelmaps_config_set_host(config_, "127.0.0.1"), QELMAPS_OK);
-    ASSERT_EQ(qelmaps_config_set_port(config_, *simulator_.configuration().port), QELMAPS_OK);
-    ASSERT_EQ(qelmaps_config_set_ca_file(config_, simulator_.caFile().c_str()), QELMAPS_OK);
-  }
+  void SetUp() override { config_ = recordedConfig(recorder_, simulator_); }
 
   void TearDown() override {
     if (client_) {
@@ -424,23 +418,12 @@ TEST_F(CApiTest, DispatchedDeliveriesRunOnTheApplicationThreadWhichMayDestroyThe
 // whose accept queue one connection fills, so that the kernel drops every
 // later handshake without an answer.
 struct BlackHole {
-  int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-  int filler = ::socket(AF_INET, SOCK_STREAM, 0);
-  std::uint16_t port = 0;
+  boost::asio::io_context context;
+  boost::asio::ip::tcp::acceptor listener{context, {boost::asio::ip::address_v4::loopback(), 0}};
+  boost::asio::ip::tcp::socket filler{context};
   BlackHole() {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    ::bind(listener, reinterpret_cast<sockaddr*>(&address), size);
-    ::listen(listener, 0);
-    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
-    port = ntohs(address.sin_port);
-    ::connect(filler, reinterpret_cast<sockaddr*>(&address), size);
-  }
-  ~BlackHole() {
-    ::close(filler);
-    ::close(listener);
+    listener.listen(0);
+    filler.connect(listener.local_endpoint());
   }
 };
 
@@ -456,11 +439,13 @@ struct NameServer {
   }
 };
 
+using Servers = std::shared_ptr<void>;
+
 struct Case {
   const char* name;
-  // Makes the servers the case needs and points the configuration at them;
-  // what it returns lives as long as the client.
-  std::function<std::shared_ptr<void>(qelmaps_config*)> setUp;
+  // Points the configuration, at the cabin until then, elsewhere; the
+  // servers it makes for that live as long as the client.
+  std::function<Servers(qelmaps_config*)> setUp;
   qelmaps_channel channel;
   qelmaps_failure failure;
   int code;
@@ -468,78 +453,60 @@ struct Case {
   const char* message;  // part of the channel's failure message
   const char* text;     // part of the status line
   bool recovers = false;  // the fault ends by itself: the status must return to live
+  int failRest = 0, malformedRest = 0;  // the cabin's error statuses, then malformed records, for the map data
 };
-
-// The cabin, answering the map data with `failures` error statuses and then
-// `malformed` malformed records before it answers well.
-std::shared_ptr<qel::testing::Simulator> simulatorFor(qelmaps_config* config, int failures = 0, int malformed = 0) {
-  cabinsim::ServerOptions options = qel::testing::Simulator::ticked();
-  options.faults.failRest = failures;
-  options.faults.malformedRest = malformed;
-  auto simulator = std::make_shared<qel::testing::Simulator>(options);
-  qelmaps_config_set_host(config, "127.0.0.1");
-  qelmaps_config_set_port(config, simulator->port());
-  qelmaps_config_set_ca_file(config, simulator->caFile().c_str());
-  return simulator;
-}
 
 TEST(CApiStatusTest, EachFailureReachesTheStatusWithItsKindAndWordsAndLiveReturnsWhenItEnds) {
   const Case cases[] = {
       {"wrong authority",
-       [](qelmaps_config* config) {
-         auto cabin = simulatorFor(config);
+       [](qelmaps_config* config) -> Servers {
          auto stranger = std::make_shared<qel::testing::Simulator>();
          qelmaps_config_set_ca_file(config, stranger->caFile().c_str());
-         return std::make_shared<std::pair<decltype(cabin), decltype(stranger)>>(cabin, stranger);
+         return stranger;
        },
        QELMAPS_CHANNEL_EVENTS, QELMAPS_FAILURE_CERTIFICATE, 0, QELMAPS_PHASE_WAITING_TO_RETRY,
        "unable to get local issuer certificate",
        "Cannot verify the cabin server's certificate: unable to get local issuer certificate"},
       {"closed port",
        [](qelmaps_config* config) {
-         auto cabin = simulatorFor(config);
          qelmaps_config_set_port(config, qel::testing::closedPort());
-         return std::shared_ptr<void>(cabin);
+         return Servers();
        },
        QELMAPS_CHANNEL_EVENTS, QELMAPS_FAILURE_CONNECTION_REFUSED, 0, QELMAPS_PHASE_WAITING_TO_RETRY,
        "Connection refused", "Cabin server refused the connection, next try in"},
       {"port that never answers",
-       [](qelmaps_config* config) {
-         auto cabin = simulatorFor(config);
+       [](qelmaps_config* config) -> Servers {
          auto hole = std::make_shared<BlackHole>();
-         qelmaps_config_set_port(config, hole->port);
-         return std::make_shared<std::pair<decltype(cabin), decltype(hole)>>(cabin, hole);
+         qelmaps_config_set_port(config, hole->listener.local_endpoint().port());
+         return hole;
        },
        QELMAPS_CHANNEL_EVENTS, QELMAPS_FAILURE_UNREACHABLE, 0, QELMAPS_PHASE_WAITING_TO_RETRY,
        "no connection within", "Cabin server unreachable, next try in"},
       {"name that does not resolve",
-       [](qelmaps_config* config) {
-         auto cabin = simulatorFor(config);
+       [](qelmaps_config* config) -> Servers {
          auto names = std::make_shared<NameServer>();
          qelmaps_config_set_host(config, "cabin.test");
          qelmaps_config_set_dns_servers(config, names->dns.address().c_str());
-         return std::make_shared<std::pair<decltype(cabin), decltype(names)>>(cabin, names);
+         return names;
        },
        QELMAPS_CHANNEL_EVENTS, QELMAPS_FAILURE_NAME_LOOKUP, 0, QELMAPS_PHASE_WAITING_TO_RETRY, "cabin.test",
        "Cabin server name not found, next try in"},
       {"map data answered with an error status",
        // Twice: the load at the start may fail before the event channel is
        // up; the one that follows (on connecting, or the retry) fails with it up.
-       [](qelmaps_config* config) { return std::shared_ptr<void>(simulatorFor(config, 2)); },
-       QELMAPS_CHANNEL_MAP_DATA, QELMAPS_FAILURE_HTTP_STATUS, 503, QELMAPS_PHASE_NO_MAP_DATA, "status 503",
+       {}, QELMAPS_CHANNEL_MAP_DATA, QELMAPS_FAILURE_HTTP_STATUS, 503, QELMAPS_PHASE_NO_MAP_DATA, "status 503",
        "Connected; Cabin server error (status 503), next try in",
-       true},  // the map data's own retry succeeds
+       true, 2},  // the map data's own retry succeeds
       {"malformed record",
        // Malformed twice: the map data is asked for at the start and again
        // once the event channel is up.
-       [](qelmaps_config* config) { return std::shared_ptr<void>(simulatorFor(config, 0, 2)); },
-       QELMAPS_CHANNEL_MAP_DATA, QELMAPS_FAILURE_MAP_DATA_REFUSED, 0, QELMAPS_PHASE_NO_MAP_DATA,
-       "\"images\" is not an array", "Connected; Map data refused: \"images\" is not an array"},
+       {}, QELMAPS_CHANNEL_MAP_DATA, QELMAPS_FAILURE_MAP_DATA_REFUSED, 0, QELMAPS_PHASE_NO_MAP_DATA,
+       "\"images\" is not an array", "Connected; Map data refused: \"images\" is not an array", false, 0,
+       2},
       {"picture over the budget",
        [](qelmaps_config* config) {
-         auto cabin = simulatorFor(config);
          qelmaps_config_set_max_pixels(config, 1000);
-         return std::shared_ptr<void>(cabin);
+         return Servers();
        },
        QELMAPS_CHANNEL_PICTURE, QELMAPS_FAILURE_PICTURE_REFUSED, 0, QELMAPS_PHASE_LIVE,
        "declares 1024x768 pixels, more than the 1000 allowed", "Live; Map picture refused: its header declares"},
@@ -547,10 +514,14 @@ TEST(CApiStatusTest, EachFailureReachesTheStatusWithItsKindAndWordsAndLiveReturn
 
   for (const auto& testCase : cases) {
     SCOPED_TRACE(testCase.name);
+    cabinsim::ServerOptions options = qel::testing::Simulator::ticked();
+    options.faults.failRest = testCase.failRest;
+    options.faults.malformedRest = testCase.malformedRest;
+    qel::testing::Simulator cabin(options);
     Recorder recorder;
     recorder.channel = testCase.channel;
-    qelmaps_config* config = recordedConfig(recorder);
-    auto servers = testCase.setUp(config);
+    qelmaps_config* config = recordedConfig(recorder, cabin);
+    auto servers = testCase.setUp ? testCase.setUp(config) : nullptr;
     qelmaps_client* client = nullptr;
     ASSERT_EQ(qelmaps_client_create(config, &client), QELMAPS_OK);
     qelmaps_config_destroy(config);
