@@ -20,7 +20,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -126,24 +126,19 @@ TEST(LastPictureTest, ComesBackFromTheCacheBeforeAnyConnectionThenRevalidates) {
     EXPECT_GE(first.age(), std::chrono::steady_clock::now() - shown.receivedAtSteady - 1s);
   }
 
-  // The same server still shows the same update: a new run asks whether the
+  // The server still shows the same update: a new run asks whether the
   // picture changed and is told it did not; no picture byte crosses.
-  testing::Simulator server;
+  const auto sent = simulator.call([](cabinsim::Server& s) { return s.imageBodyBytes(); });
+  const auto current = simulator.call([](cabinsim::Server& s) { return s.notModifiedAnswers(); });
   {
-    auto host = hostFor(server.configuration(), cache.path);
-    ASSERT_TRUE(waitFor(*host, live));
-  }
-  const auto sent = server.call([](cabinsim::Server& s) { return s.imageBodyBytes(); });
-  const auto current = server.call([](cabinsim::Server& s) { return s.notModifiedAnswers(); });
-  {
-    auto host = hostFor(server.configuration(), cache.path);
+    auto host = hostFor(simulator.configuration(), cache.path);
     ASSERT_TRUE(host);
     EXPECT_TRUE(host->snapshot()->lastPicture.fromCache);
     ASSERT_TRUE(waitFor(*host, live));
     EXPECT_FALSE(host->snapshot()->lastPicture.fromCache);
   }
-  EXPECT_EQ(server.call([](cabinsim::Server& s) { return s.imageBodyBytes(); }), sent);
-  EXPECT_EQ(server.call([](cabinsim::Server& s) { return s.notModifiedAnswers(); }), current + 1);
+  EXPECT_EQ(simulator.call([](cabinsim::Server& s) { return s.imageBodyBytes(); }), sent);
+  EXPECT_EQ(simulator.call([](cabinsim::Server& s) { return s.notModifiedAnswers(); }), current + 1);
 }
 
 // Whatever is wrong with the cache: one log line, no picture from it, and
@@ -255,22 +250,18 @@ TEST(LastPictureTest, ABrokenCacheCostsALogLineAndTheMapStillComes) {
 
 struct Traces : QELBroadcastMapsHostListener {
   std::mutex mutex;
-  std::condition_variable changed;
   std::vector<Trace> traces;
-  int statsReports = 0;
+  std::atomic<int> statsReports{0};
   void pictureTraced(const Trace& trace) override {
     std::lock_guard lock(mutex);
     traces.push_back(trace);
-    changed.notify_all();
   }
-  void statsReported(const QELBroadcastMapsStats&) override {
-    std::lock_guard lock(mutex);
-    ++statsReports;
-    changed.notify_all();
-  }
+  void statsReported(const QELBroadcastMapsStats&) override { ++statsReports; }
   bool waitFor(std::size_t count) {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(lock, 20s, [&] { return traces.size() >= count; });
+    return waitUntil([&] {
+      std::lock_guard lock(mutex);
+      return traces.size() >= count;
+    });
   }
 };
 
@@ -338,10 +329,7 @@ TEST(TraceTest, EachPictureIsTracedPhaseByPhaseAndTheStatsCountWhatHappened) {
   EXPECT_TRUE(second.connectionReused || failed.connectionReused) << "no download reported a kept connection";
 
   // The document parses, and its counters are what happened here.
-  {
-    std::unique_lock lock(traces->mutex);
-    ASSERT_TRUE(traces->changed.wait_for(lock, 20s, [&] { return traces->statsReports > 0; }));
-  }
+  ASSERT_TRUE(waitUntil([&] { return traces->statsReports > 0; }));
   const auto stats = host->stats();
   const auto document = boost::json::parse(stats->json()).as_object();
   EXPECT_EQ(document.at("qelmaps.picture.shown").to_number<int>(), 2);
