@@ -161,8 +161,6 @@ TEST(LastPictureTest, ABrokenCacheCostsALogLineAndTheMapStillComes) {
     bool keeps = true;  // a good entry is written once the map comes
   };
   const Case cases[] = {
-      {"not an entry", [](const fs::path& d) { std::ofstream(d / "map-400x300.entry") << "hello"; },
-       "not an entry of this version"},
       {"another version", [](const fs::path& d) { std::ofstream(d / "map-400x300.entry") << "QELMAPS-CACHE 2\n{}\n"; },
        "not an entry of this version"},
       {"truncated",
