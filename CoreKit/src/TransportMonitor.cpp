@@ -129,4 +129,8 @@ void TransportMonitor::didFail(TransportChannel channel, const TransportFailure&
   notify([&](TransportObserver& observer) { observer.transportDidFail(channel, failure, nextAttempt); });
 }
 
+void TransportMonitor::willRetry(TransportChannel channel, TransportObserver::Clock::time_point nextAttempt) {
+  notify([&](TransportObserver& observer) { observer.transportWillRetry(channel, nextAttempt); });
+}
+
 }  // namespace qel::core

@@ -72,6 +72,12 @@ std::string describeFailure(const QELBroadcastMapsStatus::Failure& failure) {
   return text;
 }
 
+// The transports' clock is the steady one; people read the wall clock.
+QELBroadcastMapsStatus::Clock::time_point onWallClock(core::TransportObserver::Clock::time_point when) {
+  return QELBroadcastMapsStatus::Clock::now() + std::chrono::duration_cast<QELBroadcastMapsStatus::Clock::duration>(
+                                                    when - core::TransportObserver::Clock::now());
+}
+
 std::string nextTry(std::optional<QELBroadcastMapsStatus::Clock::time_point> next,
                     QELBroadcastMapsStatus::Clock::time_point now) {
   if (!next) return {};
@@ -277,13 +283,13 @@ void QELBroadcastMapsHostStatus::recordFailure(TransportChannel channel, const c
   next.at = QELBroadcastMapsStatus::Clock::now();
   next.consecutive = channelState.failure ? channelState.failure->consecutive + 1 : 1;
   channelState.failure = std::move(next);
-  // The transport's clock is the steady one; people read the wall clock.
   channelState.nextAttempt.reset();
-  if (nextAttempt) {
-    const auto wait = std::chrono::duration_cast<QELBroadcastMapsStatus::Clock::duration>(
-        *nextAttempt - Clock::now());
-    channelState.nextAttempt = channelState.failure->at + wait;
-  }
+  if (nextAttempt) channelState.nextAttempt = onWallClock(*nextAttempt);
+  changed_();
+}
+
+void QELBroadcastMapsHostStatus::transportWillRetry(TransportChannel channel, Clock::time_point nextAttempt) {
+  state(channel).nextAttempt = onWallClock(nextAttempt);
   changed_();
 }
 

@@ -50,6 +50,7 @@ class QELBroadcastMapsHostStatus : public core::TransportObserver,
   void transportDidSucceed(core::TransportChannel channel, const core::TransportAnswer& answer) override;
   void transportDidFail(core::TransportChannel channel, const core::TransportFailure& failure,
                         std::optional<Clock::time_point> nextAttempt) override;
+  void transportWillRetry(core::TransportChannel channel, Clock::time_point nextAttempt) override;
 
  private:
   struct ChannelState {

@@ -4,6 +4,7 @@
 #include <qel/core/net/WebSocketEventTransport.h>
 
 #include <qel/core/QELLogging.h>
+#include <qel/core/TransportMonitor.h>
 
 #include <gmock/gmock.h>
 
@@ -151,7 +152,7 @@ TEST_F(WebSocketEventTransportTests, ARaceOverManySilentAddressesHoldsFewDescrip
 
 // A server that announces its restart (1012, 1013) is tried again at a
 // steady pace instead of the growing backoff; after a change of network a
-// channel waiting out its backoff reconnects at once.
+// channel waiting out its backoff reconnects at once, and says when.
 TEST_F(WebSocketEventTransportTests, AnAnnouncedRestartAndANetworkChangeCutTheWaitShort) {
   WebSocketEventTransport::Options options;
   options.backoff = Backoff{1h, 2.0, 1h, 0.0};  // the growing backoff would never come back within the test
@@ -169,7 +170,17 @@ TEST_F(WebSocketEventTransportTests, AnAnnouncedRestartAndANetworkChangeCutTheWa
   ASSERT_TRUE(waitFor(QELServiceEventClientDisconnected, 3));
   loop().runFor(200ms);
   EXPECT_EQ(std::count(listener_->names.begin(), listener_->names.end(), QELServiceEventClientConnected), 3);
+  struct Retries : TransportObserver {
+    void transportWillRetry(TransportChannel channel, Clock::time_point next) override {
+      if (channel == TransportChannel::Events) at.push_back(next);
+    }
+    std::vector<Clock::time_point> at;
+  };
+  const auto retries = std::make_shared<Retries>();
+  TransportMonitor::current().addObserver(retries);
   channel.networkChanged();
+  ASSERT_EQ(retries->at.size(), 1u) << "a status would go on showing the hour's wait";
+  EXPECT_LE(retries->at[0] - std::chrono::steady_clock::now(), options.networkChangeSpread);
   ASSERT_TRUE(waitFor(QELServiceEventClientConnected, 4)) << "the network change did not reconnect";
 }
 

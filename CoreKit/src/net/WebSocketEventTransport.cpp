@@ -221,7 +221,9 @@ void WebSocketEventTransport::Channel::networkChanged() {
   } else {
     return;
   }
-  scheduleReconnect(true);
+  // Whoever shows when the next attempt comes must not go on showing the
+  // backoff's.
+  if (const auto next = scheduleReconnect(true)) TransportMonitor::current().willRetry(TransportChannel::Events, *next);
 }
 
 void WebSocketEventTransport::Channel::stop() {

@@ -101,6 +101,9 @@ class TransportObserver {
   // itself, if it does.
   virtual void transportDidFail(TransportChannel /*channel*/, const TransportFailure& /*failure*/,
                                 std::optional<Clock::time_point> /*nextAttempt*/) {}
+  // The next attempt, due later, was brought forward to `nextAttempt` (the
+  // device's network changed while the transport waited).
+  virtual void transportWillRetry(TransportChannel /*channel*/, Clock::time_point /*nextAttempt*/) {}
 };
 
 class TransportMonitor {
@@ -117,6 +120,7 @@ class TransportMonitor {
   void didMeasureRoundTrip(std::chrono::steady_clock::duration roundTrip);
   void didFail(TransportChannel channel, const TransportFailure& failure,
                std::optional<TransportObserver::Clock::time_point> nextAttempt = std::nullopt);
+  void willRetry(TransportChannel channel, TransportObserver::Clock::time_point nextAttempt);
 
  private:
   template <class Call>
