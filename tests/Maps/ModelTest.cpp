@@ -24,6 +24,7 @@
 #include <qel/NotificationQueue.h>
 #include <qel/core/QELNotifications.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <random>
@@ -108,7 +109,18 @@ Step randomStep(std::mt19937& rng) {
 std::vector<Step> randomSequence(std::uint64_t seed) {
   std::mt19937 rng(static_cast<std::mt19937::result_type>(seed));
   std::vector<Step> steps(10 + rng() % 50);
-  for (auto& step : steps) step = randomStep(rng);
+  const std::vector<ImageSpec>* previous = nullptr;
+  for (auto& step : steps) {
+    step = randomStep(rng);
+    if (step.op != Op::Event && step.op != Op::RestAnswer) continue;
+    // One payload in four lists the last one's pictures again, shuffled:
+    // independent draws seldom give the same pictures in another order.
+    if (previous && rng() % 4 == 0) {
+      step.images = *previous;
+      std::shuffle(step.images.begin(), step.images.end(), rng);
+    }
+    previous = &step.images;
+  }
   return steps;
 }
 
