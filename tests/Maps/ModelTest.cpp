@@ -76,7 +76,9 @@ std::string describe(const Step& step) {
   return out.str();
 }
 
-Step randomStep(std::mt19937& rng) {
+// In a crowded sequence services come and go three times as often: engines
+// that share the controller and the picture queue while one is released.
+Step randomStep(std::mt19937& rng, bool crowded) {
   auto below = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
   auto sizeIndex = [&] { return below(10) < 6 ? below(2) : below(10); };
   static const std::pair<Op, int> kWeights[] = {
@@ -84,11 +86,15 @@ Step randomStep(std::mt19937& rng) {
       {Op::ChooseListed, 3}, {Op::ChooseNew, 2}, {Op::ChooseKnown, 1}, {Op::ChangeKnown, 2},
       {Op::ChooseSize, 2}, {Op::Connect, 4}, {Op::Disconnect, 3}, {Op::Event, 8}, {Op::RestAnswer, 6},
       {Op::RestFail, 3}, {Op::ImageAnswer, 8}, {Op::ImageFail, 4}, {Op::Advance, 5}, {Op::PostStop, 2}};
+  const auto weightOf = [&](Op op, int weight) {
+    return crowded && (op == Op::Create || op == Op::Release || op == Op::Start) ? 3 * weight : weight;
+  };
   int total = 0;
-  for (const auto& [op, weight] : kWeights) total += weight;
+  for (const auto& [op, weight] : kWeights) total += weightOf(op, weight);
   int pick = below(total);
   Step step{Op::Create, 0, 0, 0, {}};
-  for (const auto& [op, weight] : kWeights) {
+  for (const auto& [op, plain] : kWeights) {
+    const int weight = weightOf(op, plain);
     if (pick < weight) {
       step.op = op;
       break;
@@ -109,9 +115,10 @@ Step randomStep(std::mt19937& rng) {
 std::vector<Step> randomSequence(std::uint64_t seed) {
   std::mt19937 rng(static_cast<std::mt19937::result_type>(seed));
   std::vector<Step> steps(10 + rng() % 50);
+  const bool crowded = rng() % 4 == 0;
   const std::vector<ImageSpec>* previous = nullptr;
   for (auto& step : steps) {
-    step = randomStep(rng);
+    step = randomStep(rng, crowded);
     if (step.op != Op::Event && step.op != Op::RestAnswer) continue;
     // One payload in four lists the last one's pictures again, shuffled:
     // independent draws seldom give the same pictures in another order.
@@ -200,6 +207,17 @@ class Harness {
     return result;
   }
 
+  // The size of a new choice. One in three keeps the current choice's width,
+  // one in three its height: drawn apart, the two sides seldom repeat one,
+  // and a size that differs on one side only is the one a decision may
+  // mistake for the last.
+  static model::Resolution newSize(const Step& step, const QELBroadcastMapsResolution* current) {
+    model::Resolution size{kSizes[step.b % 8], kSizes[step.c % 8]};
+    if (current && (step.b / 8) % 3 == 0) size.width = current->width();
+    if (current && (step.b / 8) % 3 == 1) size.height = current->height();
+    return size;
+  }
+
   // The model's resolution record paired with the framework's.
   std::shared_ptr<model::Resolution> modelOf(const std::shared_ptr<QELBroadcastMapsResolution>& real) {
     if (!real) return nullptr;
@@ -270,9 +288,10 @@ class Harness {
         break;
       }
       case Op::ChooseNew: {
+        const auto size = newSize(step, service->currentResolution().get());
         auto chosen = QELBroadcastMapsResolution::create();
-        chosen->setWidth(kSizes[step.b % 8]);
-        chosen->setHeight(kSizes[step.c % 8]);
+        chosen->setWidth(size.width);
+        chosen->setHeight(size.height);
         service->setCurrentResolution(chosen);
         model_.setCurrentResolution(e, modelOf(chosen));
         break;
@@ -284,16 +303,17 @@ class Harness {
         model_.setCurrentResolution(e, modelled);
         break;
       }
-      case Op::ChangeKnown: {  // the application changes a record it holds
+      case Op::ChangeKnown: {  // the application changes a record it holds: one side, or both
         if (resolutions_.empty()) return;
         const auto& [real, modelled] = resolutions_[step.b % resolutions_.size()];
-        real->setWidth(kSizes[step.c % 8]);
-        real->setHeight(kSizes[(step.c / 8) % 8]);
+        const int sides = (step.c / 64) % 3;
+        if (sides != 1) real->setWidth(kSizes[step.c % 8]);
+        if (sides != 0) real->setHeight(kSizes[(step.c / 8) % 8]);
         *modelled = {real->width(), real->height()};
         break;
       }
       case Op::ChooseSize: {
-        const model::Resolution size{kSizes[step.b % 8], kSizes[step.c % 8]};
+        const auto size = newSize(step, service->currentResolution().get());
         service->setCurrentResolutionWithCGSize({size.width, size.height});
         resolutions_.emplace_back(service->currentResolution(), std::make_shared<model::Resolution>(size));
         model_.setCurrentResolution(e, resolutions_.back().second);
